@@ -1,0 +1,96 @@
+#include "driver/run.h"
+
+#include <sys/stat.h>
+#include <sys/utsname.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+
+#include "driver/globals.h"
+#include "driver/options.h"
+#include "log/log.h"
+#include "support/byteorder.h"
+#include "support/memory.h"
+
+// The bytes "IDTL" read as a little-endian word: a detail file whose run never finished.
+constexpr uint32_t UNFINISHED_MAGIC = 0x4C544449;
+constexpr size_t LOG_HEADER_SIZE = 88;
+
+void CheckExistingDtlFile(const char* name) {
+    FILE* f = fopen(name, "r");
+    if (!f) return;
+    unsigned char block[LOG_HEADER_SIZE];
+    size_t got = fread(block, 1, sizeof block, f);
+    fclose(f);
+    if (got == sizeof block) {
+        uint32_t magic;
+        memcpy(&magic, block, sizeof magic);
+        if (logInt(magic) == UNFINISHED_MAGIC) return;
+    }
+    printf("File '%s' already exists\n", name);
+    printf("Do you want to overwrite it (Y or N): ");
+    fflush(stdout);
+    char answer = 0;
+    if (scanf("%c", &answer) == 1 && (answer | 0x20) == 'y') return;
+    printf("No further actions available. Exiting now.");
+    exit(0);
+}
+
+void MakeTag(const char* tag) {
+    tagStr = static_cast<char*>(GetMem(32, "tag string"));
+    memset(tagStr, ' ', 31);
+    for (int i = 0; tag && i < 31 && tag[i]; i++) tagStr[i] = tag[i];
+}
+
+const char* FormatElapsed(long long seconds, char* out) {
+    int elapsed = static_cast<int>(seconds ? seconds : 1);
+    snprintf(out, 48, " Elapsed: %02d:%02d:%02d\n", elapsed / 3600, (elapsed % 3600) / 60, elapsed % 60);
+    return out;
+}
+
+int RunFerrovan(int argc, char** argv) {
+    compiledArchitecture = static_cast<char*>(GetMem(32, "Architecture"));
+    snprintf(compiledArchitecture, 32, "%s", "IA32");
+    WhichEnd();
+    struct utsname node;
+    if (uname(&node) == 0) {
+        size_t n = strnlen(node.nodename, sizeof srvrName - 1);
+        memcpy(srvrName, node.nodename, n);
+        srvrName[n] = '\0';
+    }
+
+    ParseCommandLine(argc, argv, cmdOpts);
+    showProgress = cmdOpts[CMD_P].optFlags & OPT_FOUND;
+    if (cmdOpts[CMD_TOUCH].optFlags & OPT_FOUND)
+        thrdCount = (cmdOpts[CMD_TOUCH].optFlags & OPT_HAS_ARG) ? cmdOpts[CMD_TOUCH].optNumber : 8;
+    tmodFlag = cmdOpts[CMD_TMOD].optFlags & OPT_FOUND;
+    bool force = cmdOpts[CMD_F].optFlags & OPT_FOUND;
+    zipFlag = cmdOpts[CMD_ZIP].optFlags & OPT_FOUND;
+
+    OpenLogErrFiles(0, cmdOpts[CMD_LOG].optArg, cmdOpts[CMD_ERR].optArg);
+
+    const char* dtlName = (cmdOpts[CMD_DTL].optFlags & OPT_FOUND) ? cmdOpts[CMD_DTL].optArg : "ferro.dtl";
+    struct stat st;
+    if (stat(dtlName, &st) == 0 && !force) CheckExistingDtlFile(dtlName);
+    dtlFile = fopen(dtlName, "w+b");
+    if (!dtlFile) PosixErrExit(0, "Unable to create audit detail file '%s'\n", dtlName);
+
+    MakeTag(cmdOpts[CMD_TAG].optArg);
+
+    timeStamp = time(nullptr);
+    char startText[47];
+    strftime(startText, sizeof startText, "%a, %d %b, %Y at %X", localtime(&timeStamp));
+
+    LogEntry("Zentrix Filesystem Audit Utility\n\n");
+
+    time_t end = time(nullptr);
+    struct tm* endTm = localtime(&end);
+    LogEntry("\nEnd time: %02d:%02d:%02d\n", endTm->tm_hour, endTm->tm_min, endTm->tm_sec);
+    char elapsed[48];
+    LogEntry("%s", FormatElapsed(static_cast<long long>(end - timeStamp), elapsed));
+
+    fclose(dtlFile);
+    return 0;
+}

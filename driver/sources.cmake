@@ -1,0 +1,5 @@
+list(APPEND FERROVAN_CORE_SOURCES
+  driver/globals.cpp
+  driver/options.cpp
+  driver/run.cpp
+)

@@ -1,0 +1,233 @@
+#include "log/log.h"
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+
+FILE* logFile = nullptr;
+FILE* errFile = nullptr;
+int errLogCombined = 0;
+int useLogThrdLock = 0;
+pthread_mutex_t* logLock = nullptr;
+FILE* debugLogFile = nullptr;
+int useDebugLogThrdLock = 0;
+pthread_mutex_t* debugLogLock = nullptr;
+int debugLevel = 0;
+wchar_t uniMsg[1024];
+
+// Before OpenLogErrFiles runs the streams are the console ones.
+static FILE* LogStream() { return logFile ? logFile : stdout; }
+static FILE* ErrStream() { return errFile ? errFile : stderr; }
+
+static void Lock() {
+    if (useLogThrdLock) pthread_mutex_lock(logLock);
+}
+
+static void Unlock() {
+    if (useLogThrdLock) pthread_mutex_unlock(logLock);
+}
+
+static void SystemErrorLine(FILE* out, int errnum) {
+    fprintf(out, "  (p%d) %s\n", errnum, strerror(errnum));
+}
+
+void LogEntry(const char* format, ...) {
+    va_list ap;
+    va_start(ap, format);
+    Lock();
+    vfprintf(LogStream(), format, ap);
+    Unlock();
+    va_end(ap);
+}
+
+void LogExcEntry(const char* format, ...) {
+    va_list ap;
+    va_start(ap, format);
+    Lock();
+    vfprintf(LogStream(), format, ap);
+    Unlock();
+    va_end(ap);
+}
+
+// Writes one error message to the error file and, unless both outputs are the
+// console, to the log as well; errnum >= 0 adds the system-error line.
+static void ErrorCopies(int errnum, const char* format, va_list ap) {
+    va_list again;
+    va_copy(again, ap);
+    vfprintf(ErrStream(), format, ap);
+    if (errnum >= 0) SystemErrorLine(ErrStream(), errnum);
+    if (!errLogCombined && LogStream() != ErrStream()) {
+        vfprintf(LogStream(), format, again);
+        if (errnum >= 0) SystemErrorLine(LogStream(), errnum);
+    }
+    va_end(again);
+}
+
+void LogErr(const char* format, ...) {
+    va_list ap;
+    va_start(ap, format);
+    Lock();
+    ErrorCopies(-1, format, ap);
+    Unlock();
+    va_end(ap);
+}
+
+void LogPosixErr(int errnum, const char* format, ...) {
+    if (errnum == 0) errnum = errno;
+    va_list ap;
+    va_start(ap, format);
+    Lock();
+    ErrorCopies(errnum, format, ap);
+    if (useLogThrdLock) pthread_mutex_destroy(logLock);
+    va_end(ap);
+}
+
+void DebugLogEntry(int level, const char* format, ...) {
+    if (level == 0 || debugLevel < level || !debugLogFile) return;
+    if (useDebugLogThrdLock) pthread_mutex_lock(debugLogLock);
+    char stamp[48];
+    time_t now = time(nullptr);
+    strftime(stamp, sizeof stamp, "%d-%m-%y %X", localtime(&now));
+    fprintf(debugLogFile, "%s ", stamp);
+    va_list ap;
+    va_start(ap, format);
+    vfprintf(debugLogFile, format, ap);
+    va_end(ap);
+    fflush(debugLogFile);
+    if (useDebugLogThrdLock) pthread_mutex_unlock(debugLogLock);
+}
+
+// The fatal message goes to the error file, and to standard error as well
+// when the error file is a named file, so that the user always sees it.
+[[noreturn]] static void FatalExit(int status, int errnum, const char* format, va_list ap) {
+    va_list again;
+    va_copy(again, ap);
+    FILE* err = ErrStream();
+    vfprintf(err, format, ap);
+    if (errnum >= 0) SystemErrorLine(err, errnum);
+    if (err != stderr) {
+        vfprintf(stderr, format, again);
+        if (errnum >= 0) SystemErrorLine(stderr, errnum);
+    }
+    va_end(again);
+    exit(status);
+}
+
+void ErrExit(const char* format, ...) {
+    va_list ap;
+    va_start(ap, format);
+    FatalExit(1, -1, format, ap);
+}
+
+void ErrExitWithRetCode(int status, const char* format, ...) {
+    va_list ap;
+    va_start(ap, format);
+    FatalExit(status, -1, format, ap);
+}
+
+void PosixErrExit(int errnum, const char* format, ...) {
+    if (errnum == 0) errnum = errno;
+    va_list ap;
+    va_start(ap, format);
+    FatalExit(1, errnum, format, ap);
+}
+
+const wchar_t* PosixErrMsg(int errnum) {
+    if (errnum == 0) errnum = errno;
+    const char* text = strerror(errnum);
+    size_t i = 0;
+    for (; i + 1 < sizeof uniMsg / sizeof uniMsg[0] && text[i]; i++)
+        uniMsg[i] = static_cast<wchar_t>(static_cast<signed char>(text[i]));
+    uniMsg[i] = L'\0';
+    return uniMsg;
+}
+
+void OpenLogErrFailed(const char* kind, const char* path) {
+    PosixErrExit(0, "Unable to create %s file '%s'\n", kind, path);
+}
+
+static pthread_mutex_t* NewLock() {
+    auto* lock = static_cast<pthread_mutex_t*>(malloc(sizeof(pthread_mutex_t)));
+    if (!lock) ErrExit("Insufficient memory\n");
+    pthread_mutex_init(lock, nullptr);
+    return lock;
+}
+
+void OpenLogErrFiles(int mode, const char* logName, const char* errName) {
+    useLogThrdLock = (mode == 1);
+    if (useLogThrdLock) logLock = NewLock();
+    char path[MAX_PATH];
+    errFile = stderr;
+    if (errName) {
+        MakeFilename(errName, path);
+        errFile = fopen(path, "w");
+        if (!errFile) {
+            errFile = stderr;
+            OpenLogErrFailed("error", path);
+        }
+    }
+    logFile = stdout;
+    if (logName) {
+        MakeFilename(logName, path);
+        logFile = fopen(path, "w");
+        if (!logFile) {
+            logFile = stdout;
+            OpenLogErrFailed("log", path);
+        }
+    }
+    errLogCombined = (errFile == stderr && logFile == stdout);
+}
+
+void CloseLogErrFiles() {
+    if (logFile && logFile != stdout) fclose(logFile);
+    if (errLogCombined) return;
+    if (errFile && errFile != stderr) fclose(errFile);
+}
+
+void OpenDebugLogFile(int mode, const char* name) {
+    useDebugLogThrdLock = (mode == 1);
+    if (useDebugLogThrdLock) debugLogLock = NewLock();
+    if (!name) {
+        debugLogFile = stdout;
+        return;
+    }
+    char path[MAX_PATH];
+    MakeFilename(name, path);
+    debugLogFile = fopen(path, "a");
+    if (!debugLogFile) OpenLogErrFailed("debug", path);
+}
+
+void CloseDebugLogFile() {
+    if (!debugLogFile) return;
+    if (debugLogFile != stdout) fflush(debugLogFile);
+    fclose(debugLogFile);
+    debugLogFile = nullptr;
+}
+
+char* MakeFilename(const char* name, char* out) {
+    time_t now = time(nullptr);
+    struct tm* tm = localtime(&now);
+    char stamp[32];
+    int year = tm->tm_year > 100 ? tm->tm_year - 100 : tm->tm_year;
+    snprintf(stamp, sizeof stamp, "%02d%02d%02d.%02d%02d%02d", year, tm->tm_mon + 1, tm->tm_mday,
+             tm->tm_hour, tm->tm_min, tm->tm_sec);
+    size_t stampLen = strlen(stamp);
+    size_t used = 0;
+    for (const char* p = name; *p; p++) {
+        // The time stamp replaces the '%'; the 'd' after it is copied as well.
+        bool isStamp = p[0] == '%' && (p[1] == 'd' || p[1] == 'D');
+        size_t need = isStamp ? stampLen : 1;
+        if (used + need >= static_cast<size_t>(MAX_PATH))
+            ErrExit("File name too long (more than %d bytes): '%s'\n", MAX_PATH - 1, name);
+        if (isStamp) {
+            memcpy(out + used, stamp, stampLen);
+        } else {
+            out[used] = *p;
+        }
+        used += need;
+    }
+    out[used] = '\0';
+    return out;
+}

@@ -1,0 +1,67 @@
+// Log, error and debug output, time-stamped file names and the fatal-exit
+// routines through which every fatal condition ends the process.
+//
+// Messages are printf formats over bytes: a path is written exactly as the
+// file system spells it, whatever the locale, and every stream stays narrow so
+// that later output on standard output is never dropped.
+#pragma once
+
+#include <pthread.h>
+#include <cstdio>
+
+#define FV_PRINTF(fmt, args) __attribute__((format(printf, fmt, args)))
+
+extern FILE* logFile;                 ///< execution log; standard output unless -log names a file
+extern FILE* errFile;                 ///< error output; standard error unless -err names a file
+extern int errLogCombined;            ///< 1 when log and errors go to the console: error lines then go to errFile only
+extern int useLogThrdLock;            ///< 1 when the log routines serialise through logLock
+extern pthread_mutex_t* logLock;      ///< lock of the log and error outputs (mode 1 only)
+extern FILE* debugLogFile;            ///< debug log; null until OpenDebugLogFile
+extern int useDebugLogThrdLock;       ///< 1 when DebugLogEntry serialises through debugLogLock
+extern pthread_mutex_t* debugLogLock; ///< lock of the debug log (mode 1 only)
+extern int debugLevel;                ///< highest debug level written; 0 writes nothing
+extern wchar_t uniMsg[1024];          ///< PosixErrMsg's widened system-error text
+
+/// Size of the buffer in which MakeFilename builds a file name.
+constexpr int MAX_PATH = 512;
+
+/// Writes a message to the execution log.
+void LogEntry(const char* format, ...) FV_PRINTF(1, 2);
+/// Same as LogEntry; kept for callers that print preformatted narrow text.
+void LogExcEntry(const char* format, ...) FV_PRINTF(1, 2);
+/// Writes a message to the error file, and to the log too unless errLogCombined.
+void LogErr(const char* format, ...) FV_PRINTF(1, 2);
+/// As LogErr, each copy followed by the line "  (p<errno>) <system text>".
+/// errnum 0 means the current errno. With the lock in use it ends by
+/// destroying the lock instead of releasing it, as it always has.
+void LogPosixErr(int errnum, const char* format, ...) FV_PRINTF(2, 3);
+/// Writes a time-stamped message to the debug log when level is within debugLevel.
+void DebugLogEntry(int level, const char* format, ...) FV_PRINTF(2, 3);
+
+/// Prints to the error file (and to standard error when that is another
+/// stream) and exits with status 1.
+[[noreturn]] void ErrExit(const char* format, ...) FV_PRINTF(1, 2);
+/// As ErrExit with the given exit status.
+[[noreturn]] void ErrExitWithRetCode(int status, const char* format, ...) FV_PRINTF(2, 3);
+/// As ErrExit, each copy followed by the system-error line (errnum 0: errno).
+[[noreturn]] void PosixErrExit(int errnum, const char* format, ...) FV_PRINTF(2, 3);
+
+/// Widens strerror(errnum) byte by byte (sign-extended) into uniMsg and returns it.
+const wchar_t* PosixErrMsg(int errnum);
+
+/// Opens the log and error outputs (null name: the console stream); mode 1
+/// enables the log lock. A named file that cannot be created is fatal.
+void OpenLogErrFiles(int mode, const char* logName, const char* errName);
+/// Closes the named log and error files (never the console streams).
+void CloseLogErrFiles();
+/// Opens the debug log for appending (null name: standard output).
+void OpenDebugLogFile(int mode, const char* name);
+/// Flushes and closes the debug log when it is open.
+void CloseDebugLogFile();
+
+/// Copies name into out (MAX_PATH bytes), replacing each '%' before 'd' or 'D'
+/// with the local time as YYMMDD.hhmmss; the letter itself is kept. A name
+/// that would not fit is fatal.
+char* MakeFilename(const char* name, char* out);
+/// Reports "Unable to create <kind> file '<path>'" with the system reason and exits 1.
+[[noreturn]] void OpenLogErrFailed(const char* kind, const char* path);

@@ -1,0 +1,1 @@
+list(APPEND FERROVAN_CORE_SOURCES log/log.cpp)

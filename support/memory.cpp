@@ -1,0 +1,113 @@
+#include "support/memory.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <cwchar>
+
+#include "log/log.h"
+
+void* GetMem(size_t size, const char* caller) {
+    void* p = calloc(1, size ? size : 1);
+    if (!p) {
+        if (caller) ErrExit("Insufficient memory: called from '%s'\n", caller);
+        ErrExit("Insufficient memory\n");
+    }
+    return p;
+}
+
+void* GetTreeMem(uint32_t size) { return GetMem(size, "tree alloc"); }
+
+void* TempAlloc(size_t size, TempBlock** chain) {
+    size = (size + 7) & ~static_cast<size_t>(7);
+    TempBlock* block = *chain;
+    if (block && block->free + size < block->end) {
+        void* p = block->free;
+        block->free += size;
+        return p;
+    }
+    // A request that no standard block can hold gets a block sized for it.
+    size_t blockSize = TEMP_BLOCK_SIZE;
+    if (size + sizeof(TempBlock) >= TEMP_BLOCK_SIZE) blockSize = sizeof(TempBlock) + size + 8;
+    block = static_cast<TempBlock*>(GetMem(blockSize, "allocate temm mem"));
+    block->next = *chain;
+    block->size = blockSize;
+    block->end = reinterpret_cast<char*>(block) + blockSize;
+    block->free = reinterpret_cast<char*>(block + 1) + size;
+    *chain = block;
+    return block + 1;
+}
+
+void TempFree(TempBlock** chain) {
+    if (!chain) return;
+    for (TempBlock* b = *chain; b;) {
+        TempBlock* next = b->next;
+        free(b);
+        b = next;
+    }
+    *chain = nullptr;
+}
+
+char* SaveAStr(const char* str) {
+    size_t n = strlen(str);
+    auto* copy = static_cast<char*>(GetMem(n + 1, "save astring"));
+    memcpy(copy, str, n);
+    return copy;
+}
+
+wchar_t* SaveWStr(const wchar_t* wstr) {
+    size_t n = wcslen(wstr);
+    auto* copy = static_cast<wchar_t*>(GetMem((n + 1) * sizeof(wchar_t), "save wstring"));
+    wmemcpy(copy, wstr, n);
+    return copy;
+}
+
+uint16_t* Chr2WChr(uint16_t* dst, const char* src) {
+    uint16_t* out = dst;
+    for (; *src; src++) *out++ = static_cast<uint16_t>(static_cast<int16_t>(static_cast<signed char>(*src)));
+    *out = 0;
+    return dst;
+}
+
+StringObject* NewStringObject(const char* init, uint32_t growBy) {
+    auto* obj = static_cast<StringObject*>(GetMem(sizeof(StringObject), "string object"));
+    obj->growBy = growBy ? growBy : 256;
+    if (init) StringObjectCat(obj, init);
+    return obj;
+}
+
+char* StringObjectCatN(StringObject* obj, const char* str, size_t n) {
+    size_t need = static_cast<size_t>(obj->length) + n + 1;
+    if (static_cast<size_t>(obj->capacity) < need) {
+        size_t capacity = static_cast<size_t>(obj->capacity);
+        while (capacity < need) capacity += obj->growBy;
+        if (capacity > INT32_MAX) ErrExit("Insufficient memory: called from '%s'\n", "string object");
+        // realloc keeps the text, as the copy-aside-and-back did.
+        auto* text = static_cast<char*>(realloc(obj->capacity ? obj->text : nullptr, capacity));
+        if (!text) ErrExit("Insufficient memory: called from '%s'\n", "string object");
+        obj->text = text;
+        obj->capacity = static_cast<int32_t>(capacity);
+    }
+    memcpy(obj->text + obj->length, str, n);
+    obj->length += static_cast<int32_t>(n);
+    obj->text[obj->length] = '\0';
+    return obj->text;
+}
+
+char* StringObjectCat(StringObject* obj, const char* str) { return StringObjectCatN(obj, str, strlen(str)); }
+
+char* StringObjectSet(StringObject* obj, const char* str) {
+    obj->length = 0;
+    return StringObjectCat(obj, str);
+}
+
+void FreeStringContents(StringObject* obj) {
+    if (obj->capacity == 0) return;
+    free(obj->text);
+    obj->text = nullptr;
+    obj->capacity = obj->length = 0;
+}
+
+void FreeStringObject(StringObject* obj) {
+    if (obj->capacity) free(obj->text);
+    free(obj);
+}

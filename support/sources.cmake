@@ -1,0 +1,5 @@
+list(APPEND FERROVAN_CORE_SOURCES
+  support/byteorder.cpp
+  support/helpers.cpp
+  support/memory.cpp
+)

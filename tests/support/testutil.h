@@ -1,0 +1,56 @@
+// Shared helpers of the test suite: a scoped temporary directory, file
+// helpers, and running the real programs with captured output.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+/// A fresh directory under the system's temporary directory, removed with
+/// everything in it when the object goes out of scope.
+struct ScopedTempDir {
+    std::string path;
+    ScopedTempDir();
+    ~ScopedTempDir();
+    ScopedTempDir(const ScopedTempDir&) = delete;
+    ScopedTempDir& operator=(const ScopedTempDir&) = delete;
+    /// path + "/" + name.
+    std::string operator/(const std::string& name) const { return path + "/" + name; }
+};
+
+/// Writes bytes to a file, replacing it.
+void WriteFile(const std::string& path, const std::string& bytes);
+/// The whole content of a file ("" when it cannot be read).
+std::string ReadFile(const std::string& path);
+/// True when something exists at path (links are not followed).
+bool PathExists(const std::string& path);
+
+/// What a finished program left behind.
+struct RunResult {
+    int status = -1;  ///< exit status, or 128 + signal
+    std::string out;  ///< standard output
+    std::string err;  ///< standard error
+};
+
+/// How to run a program.
+struct RunOptions {
+    std::string cwd;            ///< working directory ("" = the current one)
+    std::string input;          ///< bytes fed to standard input
+    bool unprivileged = false;  ///< run as user and group 65534 with no supplementary groups
+};
+
+/// Runs program with args (argv[0] is the program path) and captures its output.
+RunResult RunProgram(const std::string& program, const std::vector<std::string>& args,
+                     const RunOptions& options = {});
+
+/// Path of the Ferrovan binary under test.
+std::string FerrovanPath();
+/// Path of the dtldump binary under test.
+std::string DtldumpPath();
+/// Runs Ferrovan with args.
+RunResult RunFerrovan(const std::vector<std::string>& args, const RunOptions& options = {});
+
+/// Little-endian readers for checking binary layouts.
+uint16_t Le16(const std::string& bytes, size_t offset);
+uint32_t Le32(const std::string& bytes, size_t offset);
+uint64_t Le64(const std::string& bytes, size_t offset);
