@@ -1,1 +1,3 @@
-list(APPEND FERROVAN_TEST_SOURCES)
+list(APPEND FERROVAN_TEST_SOURCES
+  log/log_test.cpp
+)

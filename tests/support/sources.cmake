@@ -1,1 +1,4 @@
-list(APPEND FERROVAN_TEST_SOURCES)
+list(APPEND FERROVAN_TEST_SOURCES
+  support/helpers_test.cpp
+  support/memory_test.cpp
+)

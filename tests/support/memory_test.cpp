@@ -1,0 +1,93 @@
+#include <gtest/gtest.h>
+
+#include <cstring>
+
+#include "support/memory.h"
+
+TEST(TempAlloc, ServesFromTheNewestBlockAndStartsANewOneWhenFull) {
+    TempBlock* chain = nullptr;
+    char* first = static_cast<char*>(TempAlloc(5, &chain));
+    ASSERT_NE(chain, nullptr);
+    EXPECT_EQ(first, reinterpret_cast<char*>(chain + 1));
+    // Sizes round up to 8, so the next piece follows 8 bytes later.
+    EXPECT_EQ(static_cast<char*>(TempAlloc(1, &chain)), first + 8);
+    // A zero-byte request returns the current free byte without advancing.
+    char* zero = static_cast<char*>(TempAlloc(0, &chain));
+    EXPECT_EQ(zero, first + 16);
+    EXPECT_EQ(static_cast<char*>(TempAlloc(8, &chain)), zero);
+
+    // A request that exactly fills the rest of the block goes to a new block.
+    TempBlock* old = chain;
+    size_t rest = static_cast<size_t>(old->end - old->free);
+    char* filled = static_cast<char*>(TempAlloc(rest, &chain));
+    EXPECT_NE(chain, old);
+    EXPECT_EQ(chain->next, old);
+    EXPECT_EQ(filled, reinterpret_cast<char*>(chain + 1));
+    TempFree(&chain);
+    EXPECT_EQ(chain, nullptr);
+}
+
+TEST(TempAlloc, ServesRequestsLargerThanABlock) {
+    TempBlock* chain = nullptr;
+    const size_t big = 100000;
+    char* p = static_cast<char*>(TempAlloc(big, &chain));
+    memset(p, 0x5A, big);  // the sanitizer build catches any overrun here
+    char* small = static_cast<char*>(TempAlloc(16, &chain));
+    memset(small, 1, 16);
+    TempFree(&chain);
+}
+
+TEST(StringObject, GrowsInStepsAndKeepsItsBufferOnSet) {
+    StringObject* s = NewStringObject("init", 1024);
+    EXPECT_EQ(s->capacity, 1024);
+    EXPECT_EQ(s->length, 4);
+    EXPECT_STREQ(s->text, "init");
+    char* buffer = s->text;
+    StringObjectSet(s, "0123456789");
+    EXPECT_EQ(s->text, buffer);
+    EXPECT_EQ(s->capacity, 1024);
+    EXPECT_EQ(s->length, 10);
+
+    std::string longText(1500, 'x');
+    StringObjectCat(s, longText.c_str());
+    EXPECT_EQ(s->capacity, 2048);
+    EXPECT_EQ(s->length, 1510);
+    EXPECT_EQ(std::string(s->text), "0123456789" + longText);
+    FreeStringContents(s);
+    EXPECT_EQ(s->capacity, 0);
+    EXPECT_EQ(s->length, 0);
+    FreeStringObject(s);
+
+    StringObject* d = NewStringObject(nullptr, 0);
+    EXPECT_EQ(d->growBy, 256u);
+    EXPECT_EQ(d->capacity, 0);
+    StringObjectCat(d, "abc");
+    EXPECT_EQ(d->capacity, 256);
+    FreeStringObject(d);
+}
+
+TEST(Chr2WChr, SignExtendsEveryByte) {
+    struct Case {
+        const char* in;
+        std::vector<uint16_t> out;
+    } cases[] = {
+        {"", {0}},
+        {"Az", {'A', 'z', 0}},
+        {"\x7f\x80\xc3\xff", {0x7F, 0xFF80, 0xFFC3, 0xFFFF, 0}},
+    };
+    for (const auto& c : cases) {
+        std::vector<uint16_t> dst(c.out.size() + 2, 0xEEEE);
+        Chr2WChr(dst.data(), c.in);
+        dst.resize(c.out.size());
+        EXPECT_EQ(dst, c.out) << c.in;
+    }
+}
+
+TEST(SaveStrings, CopyTheWholeText) {
+    char* a = SaveAStr("caf\xc3\xa9");
+    EXPECT_STREQ(a, "caf\xc3\xa9");
+    free(a);
+    wchar_t* w = SaveWStr(L"wide\x10000");
+    EXPECT_EQ(std::wstring(w), std::wstring(L"wide\x10000"));
+    free(w);
+}
