@@ -52,15 +52,15 @@ void LogExcEntry(const char* format, ...) {
 }
 
 // Writes one error message to the error file and, unless both outputs are the
-// console, to the log as well; errnum >= 0 adds the system-error line.
-static void ErrorCopies(int errnum, const char* format, va_list ap) {
+// console, to the log as well; withSystem adds the system-error line.
+static void ErrorCopies(bool withSystem, int errnum, const char* format, va_list ap) {
     va_list again;
     va_copy(again, ap);
     vfprintf(ErrStream(), format, ap);
-    if (errnum >= 0) SystemErrorLine(ErrStream(), errnum);
+    if (withSystem) SystemErrorLine(ErrStream(), errnum);
     if (!errLogCombined && LogStream() != ErrStream()) {
         vfprintf(LogStream(), format, again);
-        if (errnum >= 0) SystemErrorLine(LogStream(), errnum);
+        if (withSystem) SystemErrorLine(LogStream(), errnum);
     }
     va_end(again);
 }
@@ -69,7 +69,7 @@ void LogErr(const char* format, ...) {
     va_list ap;
     va_start(ap, format);
     Lock();
-    ErrorCopies(-1, format, ap);
+    ErrorCopies(false, 0, format, ap);
     Unlock();
     va_end(ap);
 }
@@ -79,7 +79,7 @@ void LogPosixErr(int errnum, const char* format, ...) {
     va_list ap;
     va_start(ap, format);
     Lock();
-    ErrorCopies(errnum, format, ap);
+    ErrorCopies(true, errnum, format, ap);
     if (useLogThrdLock) pthread_mutex_destroy(logLock);
     va_end(ap);
 }
@@ -101,15 +101,15 @@ void DebugLogEntry(int level, const char* format, ...) {
 
 // The fatal message goes to the error file, and to standard error as well
 // when the error file is a named file, so that the user always sees it.
-[[noreturn]] static void FatalExit(int status, int errnum, const char* format, va_list ap) {
+[[noreturn]] static void FatalExit(int status, bool withSystem, int errnum, const char* format, va_list ap) {
     va_list again;
     va_copy(again, ap);
     FILE* err = ErrStream();
     vfprintf(err, format, ap);
-    if (errnum >= 0) SystemErrorLine(err, errnum);
+    if (withSystem) SystemErrorLine(err, errnum);
     if (err != stderr) {
         vfprintf(stderr, format, again);
-        if (errnum >= 0) SystemErrorLine(stderr, errnum);
+        if (withSystem) SystemErrorLine(stderr, errnum);
     }
     va_end(again);
     exit(status);
@@ -118,20 +118,20 @@ void DebugLogEntry(int level, const char* format, ...) {
 void ErrExit(const char* format, ...) {
     va_list ap;
     va_start(ap, format);
-    FatalExit(1, -1, format, ap);
+    FatalExit(1, false, 0, format, ap);
 }
 
 void ErrExitWithRetCode(int status, const char* format, ...) {
     va_list ap;
     va_start(ap, format);
-    FatalExit(status, -1, format, ap);
+    FatalExit(status, false, 0, format, ap);
 }
 
 void PosixErrExit(int errnum, const char* format, ...) {
     if (errnum == 0) errnum = errno;
     va_list ap;
     va_start(ap, format);
-    FatalExit(1, errnum, format, ap);
+    FatalExit(1, true, errnum, format, ap);
 }
 
 const wchar_t* PosixErrMsg(int errnum) {

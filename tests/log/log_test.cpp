@@ -42,7 +42,9 @@ TEST(LogRouting, ErrorsGoToTheErrorFileAndToTheLogUnlessCombined) {
         LogPosixErr(0, "Could not stat() '%s'\n", "/r/\xff\xfe");
         LogPosixErr(EACCES, "Unable to open directory '%s'\n", "/r");
         LogErr("plain %s\n", "error");
-        std::string errors = line + "Unable to open directory '/r'\n  (p13) Permission denied\nplain error\n";
+        LogPosixErr(-1, "Error touching (truncate) '%s'\n", "/r/f");
+        std::string errors = line + "Unable to open directory '/r'\n  (p13) Permission denied\nplain error\n" +
+                             "Error touching (truncate) '/r/f'\n  (p-1) Unknown error -1\n";
         EXPECT_EQ(out.Err(), errors);
         EXPECT_EQ(out.Log(), combined ? "banner 7\n" : "banner 7\n" + errors);
     }
