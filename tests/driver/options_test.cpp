@@ -4,7 +4,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cstdlib>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "tests/support/testutil.h"
@@ -85,6 +87,15 @@ std::string Summary(const std::vector<OptionRec>& table) {
     return s;
 }
 
+// Occurrence records live for the run in the program; a test table drops them.
+void FreeOccurrences(std::vector<OptionRec>& table) {
+    for (OptionRec& r : table) {
+        if (!r.optName || !(r.optFlags & OPT_MULTIPLE)) continue;
+        for (auto* o = reinterpret_cast<OptionOccurrence*>(r.optArg); o;) free(std::exchange(o, o->next));
+        r.optArg = nullptr;
+    }
+}
+
 TEST(OptionsTest, AcceptedForms) {
     struct Case {
         std::vector<std::string> args;
@@ -125,6 +136,7 @@ TEST(OptionsTest, AcceptedForms) {
         if (c.mode & OPT_MODE_NO_EXIT) {
             EXPECT_EQ(errText, nullptr);
         }
+        FreeOccurrences(table);
     }
 }
 
