@@ -53,6 +53,13 @@ constexpr uint32_t OPT_ARG_NUMERIC = 0x40000;  ///< the argument converted compl
 constexpr uint32_t OPT_ARG_SIGNED = 0x80000;   ///< it began with '+' or '-' and was converted as signed
 constexpr uint32_t OPT_PLUS_FORM = 0x100000;   ///< written with '+'
 
+// Mode bits of ParseCommandLineEx, ProcessCommandLineElement and CheckOptionTable.
+constexpr int OPT_MODE_NO_EXIT = 0x1;    ///< report errors through the out-parameters instead of exiting
+constexpr int OPT_MODE_FOLD_CASE = 0x2;  ///< compare option names with strncmpci
+
+/// CheckOptionTable's answer when no record matches.
+constexpr uint32_t OPT_NOT_FOUND = 0xFFFFFFFF;
+
 // Error codes of the no-exit mode.
 constexpr int OPT_ERR_UNKNOWN = 1;
 constexpr int OPT_ERR_CONFLICT = 2;
@@ -67,15 +74,19 @@ extern int gArgc;            ///< argc as given to ParseCommandLine
 extern char** gArgv;         ///< argv as given to ParseCommandLine
 
 /// Parses argv[1..] against table in mode 0; every error is reported on
-/// standard error and exits 1, so it returns only on success.
+/// standard error and exits 1, so it returns only on success. Consumed
+/// elements are set to null in argv. The table's result bits must be clear.
 void ParseCommandLine(int argc, char** argv, OptionRec* table);
 /// Parses with the caller's mode (0x1: return errors, 0x2: ignore case);
 /// returns 0 or the first error code, with *errTextOut naming the element.
 int ParseCommandLineEx(int mode, int argc, char** argv, OptionRec* table, char** errTextOut);
-/// Handles argv[index] and returns the index of the next element to look at.
+/// Handles gArgv[index] and returns the index of the next element to look at;
+/// after an error in the no-exit mode it returns index itself.
 int ProcessCommandLineElement(int mode, int index, OptionRec* table, int* errCodeOut, char** errTextOut);
 /// Index of the table record that best matches the start of text (following
-/// an alias), or 0xFFFFFFFF; *matchLenOut receives the matched length.
+/// an alias), or OPT_NOT_FOUND; *matchLenOut receives the matched length
+/// (0 when none). Records with an empty name never match; an alias whose
+/// chain leaves the table or loops matches nothing.
 uint32_t CheckOptionTable(int mode, const char* text, OptionRec* table, uint32_t* matchLenOut);
 /// Case-insensitive comparison of at most n characters; 0 when n < 1.
 int strncmpci(const char* a, const char* b, int n);

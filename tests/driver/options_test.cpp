@@ -1,0 +1,400 @@
+#include "driver/options.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "tests/support/testutil.h"
+
+namespace {
+
+// A table using every feature of the parser; each case gets a fresh copy
+// because the parser writes its results into the records.
+std::vector<OptionRec> TestTable() {
+    return {
+        {"a", OPT_ARG | OPT_ATTACHED, 0, nullptr, 0},                      // 0
+        {"o", OPT_ARG | OPT_ATTACHED_ONLY, 0, nullptr, 0},                 // 1
+        {"m", OPT_ARG | OPT_ATTACHED | OPT_MULTIPLE, 0, nullptr, 0},       // 2
+        {"n", OPT_ARG | OPT_NUMERIC | OPT_PLUS, 0, nullptr, 0},            // 3
+        {"s", OPT_SHORT_ALONE, 0, nullptr, 0},                             // 4
+        {"long", OPT_ARG | OPT_ATTACHED | OPT_LONG_JOINED, 0, nullptr, 0}, // 5
+        {"lo", 0, 0, nullptr, 0},                                          // 6
+        {"x", 0, 0, nullptr, 0},                                           // 7: hidden by 11
+        {"req", OPT_ARG | OPT_ARG_REQUIRED, 0, nullptr, 0},                // 8
+        {"v", OPT_ALIAS, 10, nullptr, 0},                                  // 9
+        {"verbose", OPT_PLUS, 0, nullptr, 0},                              // 10
+        {"x", 0, 0, nullptr, 0},                                           // 11
+        {nullptr, 0, 0, nullptr, 0},
+    };
+}
+
+// A mutable argv with "prog" in front.
+struct Argv {
+    std::vector<std::string> text;
+    std::vector<char*> ptr;
+    explicit Argv(std::vector<std::string> args) : text(std::move(args)) {
+        text.insert(text.begin(), "prog");
+        for (auto& t : text) ptr.push_back(t.data());
+        ptr.push_back(nullptr);
+    }
+    int argc() const { return static_cast<int>(text.size()); }
+    /// argv[1..] as left by the parser, consumed elements shown as "_".
+    std::string Left() const {
+        std::string s;
+        for (int i = 1; i < argc(); i++) s += std::string(i > 1 ? "," : "") + (ptr[i] ? ptr[i] : "_");
+        return s;
+    }
+};
+
+RunOptions InDir(const ScopedTempDir& dir) {
+    RunOptions options;
+    options.cwd = dir.path;
+    return options;
+}
+
+std::string Describe(uint32_t flags, uint32_t index, const char* arg, uint32_t number) {
+    EXPECT_EQ(arg != nullptr, (flags & OPT_HAS_ARG) != 0);
+    std::string s = "@";
+    s += std::to_string(index);
+    if (flags & OPT_HAS_ARG) s.append("=").append(arg);
+    if (flags & OPT_ARG_NUMERIC) s.append("#").append(std::to_string(number));
+    if (flags & OPT_ARG_SIGNED) s += "s";
+    if (flags & OPT_PLUS_FORM) s += "+";
+    return s;
+}
+
+// Every found record: name@argIndex=arg#number, 's' signed, '+' plus form;
+// a repeatable one as name*count[occurrence,...].
+std::string Summary(const std::vector<OptionRec>& table) {
+    std::string s;
+    for (const OptionRec& r : table) {
+        if (!r.optName || !(r.optFlags & OPT_FOUND)) continue;
+        s.append(s.empty() ? "" : " ").append(r.optName);
+        if (!(r.optFlags & OPT_MULTIPLE)) {
+            s += Describe(r.optFlags, r.optArgIndex, r.optArg, r.optNumber);
+            continue;
+        }
+        s.append("*").append(std::to_string(r.optNumber)).append("[");
+        for (auto* o = reinterpret_cast<const OptionOccurrence*>(r.optArg); o; o = o->next)
+            s += Describe(o->flags, o->argIndex, o->arg, o->number) + (o->next ? "," : "");
+        s += "]";
+    }
+    return s;
+}
+
+// Occurrence records live for the run in the program; a test table drops them.
+void FreeOccurrences(std::vector<OptionRec>& table) {
+    for (OptionRec& r : table) {
+        if (!r.optName || !(r.optFlags & OPT_MULTIPLE)) continue;
+        for (auto* o = reinterpret_cast<OptionOccurrence*>(r.optArg); o;) free(std::exchange(o, o->next));
+        r.optArg = nullptr;
+    }
+}
+
+TEST(OptionsTest, AcceptedForms) {
+    struct Case {
+        std::vector<std::string> args;
+        int mode;
+        std::string found, left;
+    } cases[] = {
+        {{"-aval"}, 1, "a@1=val", "_"},
+        {{"-a", "val", "root"}, 1, "a@1=val", "_,_,root"},
+        {{"-a", "-x"}, 1, "a@1 x@2", "_,_"},  // a dash word is the next option
+        {{"-a", "-7"}, 1, "a@1=-7#4294967289s", "_,_"},
+        {{"-a-x"}, 1, "a@1=-x", "_"},  // attached text is taken whatever it is
+        {{"-o", "val"}, 1, "o@1", "_,val"},
+        {{"-oval"}, 1, "o@1=val", "_"},
+        {{"-m1", "-m", "two", "-m"}, 1, "m*3[@1=1#1,@2=two,@4]", "_,_,_,_"},
+        {{"-n", "0x10"}, 1, "n@1=0x10#16", "_,_"},
+        {{"-n", "010"}, 1, "n@1=010#8", "_,_"},
+        {{"-n", "+5"}, 1, "n@1=+5#5s", "_,_"},
+        {{"+n", "4294967295"}, 1, "n@1=4294967295#4294967295+", "_,_"},
+        {{"-lo"}, 1, "lo@1", "_"},
+        {{"-long"}, 1, "long@1", "_"},
+        {{"-longer"}, 1, "long@1=er", "_"},
+        {{"-xs"}, 1, "s@1 x@1", "_"},
+        {{"-v"}, 1, "verbose@1", "_"},
+        {{"+v"}, 1, "verbose@1+", "_"},
+        {{"-", "root", "-x"}, 1, "x@3", "_,root,_"},
+        {{"-LONG", "-V"}, 3, "long@1 verbose@2", "_,_"},
+        {{"-xa", "b"}, 0, "a@1=b x@1", "_,_"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.args[0]);
+        auto table = TestTable();
+        Argv argv(c.args);
+        char sentinel[] = "unset";
+        char* errText = sentinel;
+        EXPECT_EQ(ParseCommandLineEx(c.mode, argv.argc(), argv.ptr.data(), table.data(), &errText), 0);
+        EXPECT_EQ(Summary(table), c.found);
+        EXPECT_EQ(argv.Left(), c.left);
+        if (c.mode & OPT_MODE_NO_EXIT) {
+            EXPECT_EQ(errText, nullptr);
+        }
+        FreeOccurrences(table);
+    }
+}
+
+TEST(OptionsTest, ErrorsInNoExitMode) {
+    struct Case {
+        std::vector<std::string> args;
+        int mode, code;
+        std::string element;
+    } cases[] = {
+        {{"-q"}, 1, OPT_ERR_UNKNOWN, "-q"},
+        {{"-xq"}, 1, OPT_ERR_UNKNOWN, "-xq"},
+        {{"-l"}, 1, OPT_ERR_UNKNOWN, "-l"},      // a shortened name never matches
+        {{"-lox"}, 1, OPT_ERR_UNKNOWN, "-lox"},  // long name with text behind it
+        {{"-sx"}, 1, OPT_ERR_UNKNOWN, "-sx"},    // short-alone name with text behind it
+        {{"+x"}, 1, OPT_ERR_UNKNOWN, "+x"},
+        {{"-LONG"}, 1, OPT_ERR_UNKNOWN, "-LONG"},
+        {{"root", "-x", "-x"}, 1, OPT_ERR_CONFLICT, "-x"},
+        {{"-xx"}, 1, OPT_ERR_CONFLICT, "-xx"},
+        {{"-req", "a", "-req"}, 1, OPT_ERR_CONFLICT, "-req"},  // conflict is checked first
+        {{"-req"}, 1, OPT_ERR_NO_ARG, "-req"},
+        {{"-req", "-x"}, 3, OPT_ERR_NO_ARG, "-req"},
+        {{"-n"}, 1, OPT_ERR_NOT_NUMERIC, "-n"},
+        {{"-n", "12abc"}, 1, OPT_ERR_NOT_NUMERIC, "-n"},
+        {{"-n", ""}, 1, OPT_ERR_NOT_NUMERIC, "-n"},
+        {{"-n", "4294967296"}, 1, OPT_ERR_NOT_NUMERIC, "-n"},
+        {{"-n", "-2147483649"}, 1, OPT_ERR_NOT_NUMERIC, "-n"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.args.back());
+        auto table = TestTable();
+        Argv argv(c.args);
+        char* errText = nullptr;
+        EXPECT_EQ(ParseCommandLineEx(c.mode, argv.argc(), argv.ptr.data(), table.data(), &errText), c.code);
+        ASSERT_NE(errText, nullptr);
+        EXPECT_EQ(errText, c.element);
+    }
+}
+
+TEST(OptionsTest, ElementResultIndex) {
+    auto table = TestTable();
+    Argv argv({"-a", "v", "-q", "w"});
+    gArgc = argv.argc();
+    gArgv = argv.ptr.data();
+    int code = -1;
+    char* text = nullptr;
+    EXPECT_EQ(ProcessCommandLineElement(1, 1, table.data(), &code, &text), 3);  // past the argument
+    EXPECT_EQ(code, 0);
+    EXPECT_EQ(ProcessCommandLineElement(1, 3, table.data(), &code, &text), 3);  // error: stays
+    EXPECT_EQ(code, OPT_ERR_UNKNOWN);
+    EXPECT_EQ(ProcessCommandLineElement(1, 4, table.data(), &code, &text), 5);  // a word: kept
+    EXPECT_EQ(code, 0);
+    EXPECT_EQ(argv.Left(), "_,_,_,w");
+}
+
+TEST(OptionsTest, CheckOptionTable) {
+    struct Case {
+        const char* text;
+        int mode;
+        uint32_t index, len;
+    } cases[] = {
+        {"lo", 0, 6, 2},       {"longer", 0, 5, 4},  {"l", 0, OPT_NOT_FOUND, 0},
+        {"x", 0, 11, 1},       {"vx", 0, 10, 1},     {"LONG", 0, OPT_NOT_FOUND, 0},
+        {"LONG", 2, 5, 4},     {"", 0, OPT_NOT_FOUND, 0},
+    };
+    auto table = TestTable();
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.text);
+        uint32_t len = 99;
+        EXPECT_EQ(CheckOptionTable(c.mode, c.text, table.data(), &len), c.index);
+        EXPECT_EQ(len, c.len);
+    }
+    // Aliases that leave the table or loop match nothing instead of running away.
+    OptionRec broken[] = {{"out", OPT_ALIAS, 7, nullptr, 0},
+                          {"ping", OPT_ALIAS, 2, nullptr, 0},
+                          {"pong", OPT_ALIAS, 1, nullptr, 0},
+                          {"", 0, 0, nullptr, 0},
+                          {nullptr, 0, 0, nullptr, 0}};
+    for (const char* text : {"out", "ping", "z"}) {
+        uint32_t len = 99;
+        EXPECT_EQ(CheckOptionTable(0, text, broken, &len), OPT_NOT_FOUND) << text;
+        EXPECT_EQ(len, 0u);
+    }
+}
+
+TEST(OptionsTest, Strncmpci) {
+    struct Case {
+        const char *a, *b;
+        int n, result;
+    } cases[] = {
+        {"abc", "ABC", 3, 0},  {"abc", "abd", 3, -1},    {"abc", "abd", 2, 0},
+        {"a", "b", 0, 0},      {"a", "b", -1, 0},        {"ab", "a", 5, 'b'},
+        {"Z", "a", 1, 25},     {"\xc3", "a", 1, -158},   {"ab\0x", "AB\0y", 5, 0},
+    };
+    for (const Case& c : cases) EXPECT_EQ(strncmpci(c.a, c.b, c.n), c.result) << c.a << " " << c.b << " " << c.n;
+}
+
+// The real program: every refusal is one line on standard error, status 1,
+// nothing on standard output and no detail file.
+TEST(FerrovanOptions, ErrorMessages) {
+    struct Case {
+        std::vector<std::string> args;
+        std::string err;
+    } cases[] = {
+        {{"-CFG", "x"}, "'-CFG' is an unknown option\n"},
+        {{"-pz"}, "'-z' is an unknown option\n"},
+        {{"+p"}, "'+p' is an unknown option\n"},
+        {{"+pf"}, "'+p' is an unknown option\n"},
+        {{"-cfgx"}, "'-cfgx' is an unknown option\n"},
+        {{"-touch3"}, "'-touch3' is an unknown option\n"},
+        {{"-threads", "4"}, "'-threads' is an unknown option\n"},
+        {{"-ads"}, "'-ads' is an unknown option\n"},
+        {{"-?x"}, "'-?x' is an unknown option\n"},
+        {{"-?Vx"}, "'-?Vx' is an unknown option\n"},
+        {{"-log", "a", "-log", "b"}, "'-log b' is a conflicting option\n"},
+        {{"-p", "-f", "-p"}, "'-p' is a conflicting option\n"},
+        {{"-dtl", "a", "-dtl"}, "'-dtl' is a conflicting option\n"},
+        {{"-cfg"}, "'-cfg' requires an argument\n"},
+        {{"-cfg", "-p"}, "'-cfg' requires an argument\n"},
+        {{"-touch"}, "'-touch' arguments must be numeric\n"},
+        {{"-touch", "abc"}, "'-touch' arguments must be numeric\n"},
+        {{"-touch", "4294967296"}, "'-touch' arguments must be numeric\n"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.err);
+        ScopedTempDir dir;
+        RunResult r = RunFerrovan(c.args, InDir(dir));
+        EXPECT_EQ(r.status, 1);
+        EXPECT_EQ(r.out, "");
+        EXPECT_EQ(r.err, c.err);
+        EXPECT_FALSE(PathExists(dir / "ferro.dtl"));
+    }
+}
+
+TEST(FerrovanOptions, AcceptedForms) {
+    // Each run names a real scan root so that it stays a successful run.
+    struct Case {
+        std::vector<std::string> args;
+        std::string created;
+    } cases[] = {
+        {{"-pf", "-tmod", "-zip", "-", "tree"}, "ferro.dtl"},
+        {{"tree", "-touch", "0x10", "-f"}, "ferro.dtl"},
+        {{"-touch", "-3", "-dtl", "-5", "tree"}, "-5"},
+        {{"-dtl", "out.dtl", "-tag", "t", "-log", "run.log", "-err", "err.txt", "tree"}, "out.dtl"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.args[0]);
+        ScopedTempDir dir;
+        ASSERT_EQ(mkdir((dir / "tree").c_str(), 0755), 0);
+        RunResult r = RunFerrovan(c.args, InDir(dir));
+        EXPECT_EQ(r.status, 0);
+        EXPECT_EQ(r.err, "");
+        EXPECT_TRUE(PathExists(dir / c.created));
+    }
+}
+
+const char kUsage[] =
+    "\n"
+    "Ferrovan is the data collection program of the Ironvale application suite.\n"
+    "\n"
+    "Usage: Ferrovan [<scan-root>] [-cfg <config-file>] [-dtl <detail-file>] [-f] \n"
+    "              [-tag <tag-string] [-touch] [-log <log-file>] [-err <err-file>] [-zip]\n"
+    "where:\n"
+    "    <scan-root>\n"
+    "        specifies the root directory at which to begin the file scan.  If this\n"
+    "        paramter is not present, the -cfg <configuration-file> option must be\n"
+    "        used to specify an scan root.\n"
+    "    -cfg <config-file>\n"
+    "        specifies the configuration filename.  The syntax of this file is\n"
+    "        described below.\n"
+    "    -dtl <detail-file>\n"
+    "        specifies the file to receive the details of the scan.  This file is\n"
+    "        then used as input to Oxbrook to produce detail file-level reports.\n"
+    "        If the option is not present, its default is Ferrovan.dtl.\n"
+    "    -f\n"
+    "        unconditionally deletes an existing .dtl file with the same name.\n"
+    "    -tag <tag-string>\n"
+    "        this option is used when the resulting .dtl file is going to be used\n"
+    "        with the Zentrix TVX service package.  <tag-string> is any string up to\n"
+    "        31 characters as assigned by the TVX administration process.\n"
+    "    -touch\n"
+    "        if present, this option causes the program to read the first block of\n"
+    "        each offline file.  It is used to recall stub file contents after a\n"
+    "        Wendrow import operation.  This option is incompatible with -ads.\n"
+    "    -threads n\n"
+    "        specifies the number of file processing threads.  The defaualt is 32.\n"
+    "    -log <log-file> and -err <err-file>\n"
+    "        specify files to receive the execution log and any error messages.\n"
+    "        If they are not specified, the defaults at stdout and stderr.\n"
+    "\t -zip\n"
+    "\t \t if present, this option causes the DTL file created during a scan\n"
+    "\t \t to be compressed.\n"
+    "Configuration file\n"
+    "------------------\n"
+    "This file is used to specify include/exclude files and directories for the\n"
+    "scan root.  It must have a single [ScanRoot] section which contains a path\n"
+    "parameter if the root scan path was not specified on the command line and,\n"
+    "optionally, one or more include/exclude directory or file parameters.\n"
+    "Its form is\n"
+    "\n"
+    "[ScanRoot]\n"
+    "path         = <scan-root-directory>\n"
+    "includedirs  = <dir-template>\n"
+    "excludedirs  = <dir-template>\n"
+    "includefiles = <file-template>\n"
+    "excludefiles = <file-template>\n"
+    "\n"
+    "The <dir-template> and <file-template> values may contain wildcard characters\n"
+    "with the following meanings:\n"
+    "\n"
+    "    ? - any single character not including a path separator\n"
+    "    * - zero or more characters not including a path separator\n"
+    "    ~ - zero or more characters\n";
+
+const char kVersion[] =
+    "Version 2.2.0 built on Apr  2 2014 at 12:13:49\n"
+    "\n"
+    "Ferrovan - file scanning component of the Zentrix file system analysis utilities\n"
+    "\n"
+    "    13 Oct 2006 - Initial release\n"
+    "    11 Apr 2007 - Added support for difference engine to .dtl files\n"
+    "    10 Jun 2007 - Small bug fixes\n"
+    "     3 Aug 2007 - -touch option made readonly, -recall added for forced recall\n"
+    "     4 Nov 2007 - Build of 'diff' index moved to Quillan.  Scan speed improved \n"
+    "    20 May 2010 - Updates to add debug logging.\n"
+    "                  Updates to check on invalid file sizes.\n"
+    "    23 Mar 2011 - Added support for Reparse Points.\n"
+    "                  Added log for reparse points found.\n"
+    "    26 Dec 2012 - Fixed segmentation fault in btree code on Ubuntu Linux 64-bit.\n"
+    "\t 30 Oct 2013 - -zip option for DTL file compression added.                  \n";
+
+TEST(FerrovanOptions, UsageAndVersionTexts) {
+    // The program name is argv[0] behind its last backslash; a slash is no separator.
+    ScopedTempDir dir;
+    const std::string odd = dir / "a\\b\\Fv";
+    ASSERT_EQ(symlink(FerrovanPath().c_str(), odd.c_str()), 0);
+    const std::string whole = FerrovanPath();
+    const std::string usage = std::string(kUsage) + "For version information enter '" + whole + " -?V'\n";
+    const std::string version = std::string(kVersion) + "For usage information enter '" + whole + " -?'\n";
+    struct Case {
+        std::string program;
+        std::vector<std::string> args;
+        std::string out;
+    } cases[] = {
+        {whole, {"-?"}, usage},
+        {whole, {"+?", "-bogus"}, usage},  // the texts end the run before anything else is read
+        {whole, {"-?V"}, version},
+        {whole, {"-p", "-?v"}, version},
+        {odd, {"-?"}, std::string(kUsage) + "For version information enter 'Fv -?V'\n"},
+        {odd, {"-?V"}, std::string(kVersion) + "For usage information enter 'Fv -?'\n"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.args[0]);
+        RunResult r = RunProgram(c.program, c.args, InDir(dir));
+        EXPECT_EQ(r.status, 0);
+        EXPECT_EQ(r.err, "");
+        EXPECT_EQ(r.out, c.out);
+        EXPECT_FALSE(PathExists(dir / "ferro.dtl"));
+    }
+}
+
+}  // namespace
