@@ -64,24 +64,17 @@ uint32_t CheckOptionTable(int mode, const char* text, OptionRec* table, uint32_t
 }
 
 // Converts an argument candidate: signed when it begins with '+' or '-',
-// otherwise unsigned, base 0 either way. True only when the whole text is a
-// number that fits the 32-bit value field; *value is 0 otherwise.
+// otherwise unsigned, base 0 either way. *value takes the converted value cut
+// to 32 bits; the result is true only when the whole text converted.
 static bool ConvertNumber(const char* text, uint32_t* value) {
     char* end = nullptr;
-    bool inRange;
     errno = 0;  // a stale ERANGE must not make a good number look bad
     if (text[0] == '+' || text[0] == '-') {
-        long v = strtol(text, &end, 0);
-        inRange = v >= INT32_MIN && v <= INT32_MAX;
-        *value = static_cast<uint32_t>(static_cast<int32_t>(v));
+        *value = static_cast<uint32_t>(strtol(text, &end, 0));
     } else {
-        unsigned long v = strtoul(text, &end, 0);
-        inRange = v <= UINT32_MAX;
-        *value = static_cast<uint32_t>(v);
+        *value = static_cast<uint32_t>(strtoul(text, &end, 0));
     }
-    bool whole = end != text && *end == '\0' && errno != ERANGE && inRange;
-    if (!whole) *value = 0;
-    return whole;
+    return end != text && *end == '\0' && errno != ERANGE;
 }
 
 // The no-exit mode's error return: code and element for the caller.
@@ -106,6 +99,7 @@ int ProcessCommandLineElement(int mode, int index, OptionRec* table, int* errCod
     const bool noExit = mode & OPT_MODE_NO_EXIT;
     // One element may hold several options in a row ("-pf").
     char* cursor = element + 1;
+    const size_t wholeLen = strlen(cursor);
     while (*cursor) {
         uint32_t matchLen = 0;
         uint32_t found = CheckOptionTable(mode, cursor, table, &matchLen);
@@ -118,7 +112,9 @@ int ProcessCommandLineElement(int mode, int index, OptionRec* table, int* errCod
         char* rest = cursor + matchLen;
         cursor = rest;
 
-        if (*rest && (matchLen == 1 ? (flags & OPT_SHORT_ALONE) : !(flags & OPT_LONG_JOINED))) {
+        // "Other text follows" is judged against the whole element, so only the
+        // first option of an element may be a long name followed by more.
+        if (matchLen != wholeLen && (matchLen == 1 ? (flags & OPT_SHORT_ALONE) : !(flags & OPT_LONG_JOINED))) {
             if (noExit) return Refused(OPT_ERR_UNKNOWN, index, element, errCodeOut, errTextOut);
             CommandErr("'%s' is an unknown option\n", element);
         }
@@ -154,6 +150,7 @@ int ProcessCommandLineElement(int mode, int index, OptionRec* table, int* errCod
                     arg = candidate;
                     bits |= OPT_HAS_ARG;
                 }
+                if (!arg) number = 0;
                 // A separate "-x" that is no number is the next option, not an argument.
                 if (arg && !attached) {
                     gArgv[index + 1] = nullptr;
