@@ -1,1 +1,4 @@
-list(APPEND FERROVAN_TEST_SOURCES)
+list(APPEND FERROVAN_TEST_SOURCES
+  detail/dtlbuilder.cpp
+  detail/dtlread_test.cpp
+)
