@@ -403,7 +403,7 @@ DtlStep PrintBody(DtlReader* r) {
         first = false;
     }
     if (json && open != NONE) out += "\n  ]";
-    if (json && !summary && open == RECORDS) out += ",\n  \"hardLinks\": [\n  ]";
+    if (json && open == RECORDS && step == DTL_STEP_DONE) out += ",\n  \"hardLinks\": [\n  ]";
     return step;
 }
 
