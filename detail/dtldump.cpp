@@ -40,12 +40,21 @@ void Flush() {
 void Add(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
 void Add(const char* format, ...) {
-    char buf[512];
-    va_list ap;
+    char buf[1024];
+    va_list ap, again;
     va_start(ap, format);
+    va_copy(again, ap);
     int n = vsnprintf(buf, sizeof buf, format, ap);
+    if (n >= static_cast<int>(sizeof buf)) {
+        size_t at = out.size();
+        out.resize(at + n + 1);
+        vsnprintf(out.data() + at, n + 1, format, again);
+        out.pop_back();
+    } else if (n > 0) {
+        out.append(buf, n);
+    }
+    va_end(again);
     va_end(ap);
-    out.append(buf, n < 0 ? 0 : std::min<size_t>(n, sizeof buf - 1));
 }
 
 // Length of the valid UTF-8 sequence at p (at most n bytes), or 0.

@@ -2,21 +2,6 @@
 
 #include <map>
 
-static void Put16(std::string& b, uint16_t v) {
-    b += static_cast<char>(v & 0xFF);
-    b += static_cast<char>(v >> 8);
-}
-
-static void Put32(std::string& b, uint32_t v) {
-    Put16(b, static_cast<uint16_t>(v));
-    Put16(b, static_cast<uint16_t>(v >> 16));
-}
-
-static void Put64(std::string& b, uint64_t v) {
-    Put32(b, static_cast<uint32_t>(v));
-    Put32(b, static_cast<uint32_t>(v >> 32));
-}
-
 void Put16At(std::string& b, size_t o, uint16_t v) {
     b[o] = static_cast<char>(v & 0xFF);
     b[o + 1] = static_cast<char>(v >> 8);
@@ -30,6 +15,19 @@ void Put32At(std::string& b, size_t o, uint32_t v) {
 void Put64At(std::string& b, size_t o, uint64_t v) {
     Put32At(b, o, static_cast<uint32_t>(v));
     Put32At(b, o + 4, static_cast<uint32_t>(v >> 32));
+}
+
+static void Put16(std::string& b, uint16_t v) {
+    b.append(2, '\0');
+    Put16At(b, b.size() - 2, v);
+}
+static void Put32(std::string& b, uint32_t v) {
+    b.append(4, '\0');
+    Put32At(b, b.size() - 4, v);
+}
+static void Put64(std::string& b, uint64_t v) {
+    b.append(8, '\0');
+    Put64At(b, b.size() - 8, v);
 }
 
 static void PutHeaderString(FakeFile& f, const std::string& text) {

@@ -14,82 +14,50 @@ namespace {
 struct JsonCheck {
     const std::string& s;
     size_t i = 0;
-
-    void Blank() {
-        while (i < s.size() && (s[i] == ' ' || s[i] == '\n' || s[i] == '\t' || s[i] == '\r')) i++;
+    char Peek() {
+        while (i < s.size() && strchr(" \n\t\r", s[i])) i++;
+        return i < s.size() ? s[i] : '\0';
     }
-    bool Literal(const char* word) {
-        size_t n = strlen(word);
-        if (s.compare(i, n, word) != 0) return false;
-        i += n;
-        return true;
-    }
+    bool Take(char c) { return Peek() == c && ++i; }
     bool String() {
-        if (s[i++] != '"') return false;
-        while (i < s.size() && s[i] != '"') {
-            unsigned char c = s[i];
-            if (c < 0x20) return false;
-            if (c == '\\') {
-                i++;
-                if (i >= s.size()) return false;
-                if (s[i] == 'u') {
-                    for (int k = 1; k <= 4; k++)
-                        if (i + k >= s.size() || !isxdigit(static_cast<unsigned char>(s[i + k]))) return false;
-                    i += 4;
-                } else if (!strchr("\"\\/bfnrt", s[i])) {
-                    return false;
-                }
+        if (!Take('"')) return false;
+        for (; i < s.size() && s[i] != '"'; i++) {
+            if (static_cast<unsigned char>(s[i]) < 0x20) return false;
+            if (s[i] != '\\') continue;
+            if (++i < s.size() && s[i] == 'u') {
+                for (int k = 0; k < 4; k++)
+                    if (++i >= s.size() || !isxdigit(static_cast<unsigned char>(s[i]))) return false;
+            } else if (i >= s.size() || !strchr("\"\\/bfnrt", s[i])) {
+                return false;
             }
-            i++;
         }
         return i++ < s.size();
     }
-    bool Number() {
+    bool Value() {
+        char c = Peek();
+        if (c == '"') return String();
+        if (c == '{' || c == '[') {
+            char close = c == '{' ? '}' : ']';
+            i++;
+            if (Take(close)) return true;
+            do {
+                if (c == '{' && !(String() && Take(':'))) return false;
+                if (!Value()) return false;
+            } while (Take(','));
+            return Take(close);
+        }
+        for (const char* word : {"true", "false", "null"})
+            if (s.compare(i, strlen(word), word) == 0) return (i += strlen(word)), true;
         size_t start = i;
-        if (s[i] == '-') i++;
+        if (i < s.size() && s[i] == '-') i++;
         while (i < s.size() && isdigit(static_cast<unsigned char>(s[i]))) i++;
         return i > start;
-    }
-    bool Value() {
-        Blank();
-        if (i >= s.size()) return false;
-        bool ok;
-        if (s[i] == '{' || s[i] == '[') {
-            char close = s[i] == '{' ? '}' : ']';
-            bool object = s[i++] == '{';
-            Blank();
-            if (i < s.size() && s[i] == close) {
-                i++;
-                return true;
-            }
-            for (;;) {
-                if (object) {
-                    Blank();
-                    if (i >= s.size() || !String()) return false;
-                    Blank();
-                    if (i >= s.size() || s[i++] != ':') return false;
-                }
-                if (!Value()) return false;
-                Blank();
-                if (i >= s.size()) return false;
-                if (s[i] == close) break;
-                if (s[i++] != ',') return false;
-            }
-            i++;
-            ok = true;
-        } else if (s[i] == '"') {
-            ok = String();
-        } else {
-            ok = Literal("true") || Literal("false") || Literal("null") || Number();
-        }
-        Blank();
-        return ok;
     }
 };
 
 bool ValidJson(const std::string& text) {
     JsonCheck check{text};
-    return check.Value() && check.i == text.size();
+    return check.Value() && check.Peek() == '\0' && check.i == text.size();
 }
 
 struct Expect {
@@ -159,17 +127,9 @@ TEST(DtldumpTest, NamesTheFirstFaultAndExitsWithStatusOne) {
              return b;
          }(),
          "offset 862: directory \"/a\": its header record counts 3 files, but 2 file records follow it\n"},
-        {"link", [&] {
-             std::string b = sample.bytes;
-             Put64At(b, sample.tablePos + 24 * 4, 48);
-             return b;
-         }(),
-         "offset 1343: hard-link entry 4 at table position 96: prevEntry is 48, expected 24 (the previous entry "
-         "of inode 77, or 0 for its first)\n"},
         {"compressed", std::string("\x78\x01\x02\x03", 4), "offset 0: compressed detail file: not supported yet\n"},
         {"unfinished", "IDTL" + sample.bytes.substr(4),
          "offset 0: unfinished detail file: magic \"IDTL\" (the scan that wrote it did not complete)\n"},
-        {"empty", "", "offset 0: file ends inside the log header (0 of 88 bytes): not a detail file\n"},
     };
     ScopedTempDir dir;
     for (const Case& c : cases) {
