@@ -1,1 +1,4 @@
-list(APPEND FERROVAN_CORE_SOURCES)
+list(APPEND FERROVAN_CORE_SOURCES
+  detail/dtlread.cpp
+  detail/format.cpp
+)

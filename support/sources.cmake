@@ -2,4 +2,6 @@ list(APPEND FERROVAN_CORE_SOURCES
   support/byteorder.cpp
   support/helpers.cpp
   support/memory.cpp
+  support/numfmt.cpp
+  support/utf8.cpp
 )

@@ -1,0 +1,180 @@
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "tests/detail/dtlbuilder.h"
+#include "tests/support/testutil.h"
+
+namespace {
+
+// A strict JSON syntax check: one value, nothing after it.
+struct JsonCheck {
+    const std::string& s;
+    size_t i = 0;
+    char Peek() {
+        while (i < s.size() && strchr(" \n\t\r", s[i])) i++;
+        return i < s.size() ? s[i] : '\0';
+    }
+    bool Take(char c) { return Peek() == c && ++i; }
+    bool String() {
+        if (!Take('"')) return false;
+        for (; i < s.size() && s[i] != '"'; i++) {
+            if (static_cast<unsigned char>(s[i]) < 0x20) return false;
+            if (s[i] != '\\') continue;
+            if (++i < s.size() && s[i] == 'u') {
+                for (int k = 0; k < 4; k++)
+                    if (++i >= s.size() || !isxdigit(static_cast<unsigned char>(s[i]))) return false;
+            } else if (i >= s.size() || !strchr("\"\\/bfnrt", s[i])) {
+                return false;
+            }
+        }
+        return i++ < s.size();
+    }
+    bool Value() {
+        char c = Peek();
+        if (c == '"') return String();
+        if (c == '{' || c == '[') {
+            char close = c == '{' ? '}' : ']';
+            i++;
+            if (Take(close)) return true;
+            do {
+                if (c == '{' && !(String() && Take(':'))) return false;
+                if (!Value()) return false;
+            } while (Take(','));
+            return Take(close);
+        }
+        for (const char* word : {"true", "false", "null"})
+            if (s.compare(i, strlen(word), word) == 0) return (i += strlen(word)), true;
+        size_t start = i;
+        if (i < s.size() && s[i] == '-') i++;
+        while (i < s.size() && isdigit(static_cast<unsigned char>(s[i]))) i++;
+        return i > start;
+    }
+};
+
+bool ValidJson(const std::string& text) {
+    JsonCheck check{text};
+    return check.Value() && check.Peek() == '\0' && check.i == text.size();
+}
+
+struct Expect {
+    std::vector<std::string> args;       // FILE is appended
+    std::vector<std::string> present;    // in standard output
+    std::vector<std::string> absent;
+};
+
+TEST(DtldumpTest, PrintsASoundFile) {
+    const std::string textLines[] = {
+        "  magic                FDTL\n",
+        "  completionFlags      9\n",
+        "  includeDirsOffset    450\n",
+        "  @298      tag          \"abc                            \"\n",
+        "  @450      includeDirs copy 4: \"/a~\" \"/b~\"\n",
+        "  @474        dir    \"/\"  files=3 subdirs=3 bytes=161\n",
+        "  @625        entry  \"/l\" -> \"/etc/passwd\"  symlink mode=0777 links=1 uid=1000",
+        "  @889        entry  \"/a/h2\"  file mode=0644 links=2 hardlink uid=1000 gid=100 inode=77 size=50 "
+        "ctime=1700000001 atime=1700000002 mtime=1700000003\n",
+        "\"/a/caf\\xe9\"  file",
+        "\"/b/n\\nl\"  fifo",
+        "  @1199       end\n",
+        "  #4      @1343       inode=77 prev=#1      dir=@838 record=@889 \"/a/h2\"\n",
+        "  #1      @1271       inode=77 first       dir=@474 record=@687 \"/h1\"\n",
+        "  hard-linked inodes   5\n  total file size      16552\nStructure: sound\n",
+    };
+    const Expect cases[] = {
+        {{}, std::vector<std::string>(std::begin(textLines), std::end(textLines)), {}},
+        {{"--summary"},
+         {"  fileCount            6\n", "  @364      rootPath     \"/data\"\n", "  entry records        10\n"},
+         {"Records", "Hard links", "@474 "}},
+        {{"--json"},
+         {"\"path\": \"/a/caf\xEF\xBF\xBD\", \"pathHex\": \"2f612f636166e9\"", "\"name\": \"n\\u000al\"",
+          "\"target\": \"/etc/passwd\"", "\"prevEntry\": 24, \"first\": false, \"parentDirPos\": 838",
+          "\"includeDirsCopies\": [378, 402, 426, 450]", "\"mountSource\": null", "\"totalFileSize\": 16552}"},
+         {"error"}},
+        {{"--json", "--summary"}, {"\"totals\": {", "\"includeDirs\": [{\"template\": \"/a~\"}"}, {"records"}},
+    };
+    ScopedTempDir dir;
+    std::string path = dir / "sample.dtl";
+    WriteFile(path, BuildDetail(SampleScan()).bytes);
+    for (const Expect& c : cases) {
+        std::vector<std::string> args = c.args;
+        args.push_back(path);
+        RunResult run = RunProgram(DtldumpPath(), args);
+        std::string name = args.size() > 1 ? args[0] + " " + (args.size() > 2 ? args[1] : "") : "text";
+        EXPECT_EQ(run.status, 0) << name << run.err;
+        EXPECT_EQ(run.err, "") << name;
+        for (const std::string& text : c.present) EXPECT_NE(run.out.find(text), std::string::npos) << name << ": " << text;
+        for (const std::string& text : c.absent) EXPECT_EQ(run.out.find(text), std::string::npos) << name << ": " << text;
+        if (!c.args.empty() && c.args[0] == "--json") {
+            EXPECT_TRUE(ValidJson(run.out)) << run.out;
+        }
+    }
+}
+
+TEST(DtldumpTest, NamesTheFirstFaultAndExitsWithStatusOne) {
+    FakeFile sample = BuildDetail(SampleScan());
+    struct Case {
+        const char* name;
+        std::string bytes;
+        std::string err;  // after "dtldump: PATH: "
+    } cases[] = {
+        {"count", [&] {
+             std::string b = sample.bytes;
+             Put32At(b, sample.recordPos.at("dir:/a") + 24, 3);
+             return b;
+         }(),
+         "offset 862: directory \"/a\": its header record counts 3 files, but 2 file records follow it\n"},
+        {"compressed", std::string("\x78\x01\x02\x03", 4), "offset 0: compressed detail file: not supported yet\n"},
+        {"unfinished", "IDTL" + sample.bytes.substr(4),
+         "offset 0: unfinished detail file: magic \"IDTL\" (the scan that wrote it did not complete)\n"},
+    };
+    ScopedTempDir dir;
+    for (const Case& c : cases) {
+        std::string path = dir / (std::string(c.name) + ".dtl");
+        WriteFile(path, c.bytes);
+        for (bool json : {false, true}) {
+            RunResult run = RunProgram(DtldumpPath(), json ? std::vector<std::string>{"--json", path}
+                                                           : std::vector<std::string>{path});
+            EXPECT_EQ(run.status, 1) << c.name;
+            EXPECT_EQ(run.err, "dtldump: " + path + ": " + c.err) << c.name;
+            // JSON stays whole once the headers were printed, and names the fault too.
+            if (json && !run.out.empty()) {
+                EXPECT_TRUE(ValidJson(run.out)) << c.name << run.out;
+                EXPECT_NE(run.out.find("\"error\": {\"offset\": "), std::string::npos) << c.name;
+            }
+        }
+    }
+}
+
+TEST(DtldumpTest, LeavesTheFileAsItWas) {
+    ScopedTempDir dir;
+    std::string path = dir / "sample.dtl";
+    std::string bytes = BuildDetail(SampleScan()).bytes;
+    WriteFile(path, bytes);
+    chmod(path.c_str(), 0444);
+    struct stat before, after;
+    ASSERT_EQ(stat(path.c_str(), &before), 0);
+    EXPECT_EQ(RunProgram(DtldumpPath(), {"--json", path}).status, 0);
+    ASSERT_EQ(stat(path.c_str(), &after), 0);
+    EXPECT_EQ(ReadFile(path), bytes);
+    EXPECT_EQ(after.st_mtim.tv_sec, before.st_mtim.tv_sec);
+    EXPECT_EQ(after.st_mtim.tv_nsec, before.st_mtim.tv_nsec);
+}
+
+TEST(DtldumpTest, RefusesABadCommandLine) {
+    const std::vector<std::string> cases[] = {{}, {"-x", "f"}, {"a", "b"}, {"--json"}};
+    for (const auto& args : cases) {
+        RunResult run = RunProgram(DtldumpPath(), args);
+        EXPECT_EQ(run.status, 1);
+        EXPECT_NE(run.err.find("usage: dtldump [--json] [--summary] FILE\n"), std::string::npos);
+        EXPECT_EQ(run.out, "");
+    }
+    RunResult missing = RunProgram(DtldumpPath(), {"/nonexistent/f.dtl"});
+    EXPECT_EQ(missing.status, 1);
+    EXPECT_EQ(missing.err, "dtldump: /nonexistent/f.dtl: cannot open: No such file or directory\n");
+}
+
+}  // namespace
