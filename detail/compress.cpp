@@ -241,10 +241,10 @@ int doCompression(const char* mode, const char* inPath, const char* outPath) {
         Say("Failed opening input file!");
         return 1;
     }
-    uint64_t size;
     struct stat inStat;
-    if (fstat(in, &inStat) != 0 || !InputSize(in, &size)) {
+    if (fstat(in, &inStat) != 0) {
         int saved = errno;
+        Say("Failed reading from input file!");
         close(in);
         errno = saved;
         return 1;
@@ -262,6 +262,7 @@ int doCompression(const char* mode, const char* inPath, const char* outPath) {
     // The result replaces the input, so it gets the input's permissions
     // before any data is in it; where that is refused the umask's stay.
     (void)fchmod(out, inStat.st_mode & 0777);
+    uint64_t size = static_cast<uint64_t>(inStat.st_size);
     int result = op == 'c' ? Deflate(in, size, out) : Inflate(in, size, out);
     // Synced before anyone renames it into place, so that a crash cannot
     // leave a name pointing at an empty or partial file.
