@@ -8,6 +8,7 @@
 #include <cstring>
 #include <ctime>
 
+#include "detail/dtlclose.h"
 #include "driver/globals.h"
 #include "driver/options.h"
 #include "log/log.h"
@@ -91,6 +92,6 @@ int RunFerrovan(int argc, char** argv) {
     char elapsed[48];
     LogEntry("%s", FormatElapsed(static_cast<long long>(end - timeStamp), elapsed));
 
-    fclose(dtlFile);
+    CloseDtlFile(dtlFile, dtlName, zipFlag);
     return 0;
 }

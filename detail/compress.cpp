@@ -1,0 +1,288 @@
+#include "detail/compress.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <zlib.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+
+// One compression or decompression at a time: the buffers and the stream
+// state are shared by both directions.
+static unsigned char s_inbuf[COMPRESS_BUFFER_SIZE];
+static unsigned char s_outbuf[COMPRESS_BUFFER_SIZE];
+static z_stream g_deflator;
+
+// Prints one line on standard output without disturbing errno, which the
+// callers report afterwards.
+static void Say(const char* text) {
+    int saved = errno;
+    printf("%s\n", text);
+    fflush(stdout);
+    errno = saved;
+}
+
+static void SayStatus(const char* format, int status) {
+    int saved = errno;
+    printf(format, status);
+    fflush(stdout);
+    errno = saved;
+}
+
+static bool ReadFull(int fd, unsigned char* buf, size_t n) {
+    for (size_t done = 0; done < n;) {
+        ssize_t got = read(fd, buf + done, n - done);
+        if (got < 0 && errno == EINTR) continue;
+        if (got <= 0) {
+            if (got == 0) errno = EIO;  // the file shrank under us
+            return false;
+        }
+        done += static_cast<size_t>(got);
+    }
+    return true;
+}
+
+static bool WriteFull(int fd, const unsigned char* buf, size_t n) {
+    for (size_t done = 0; done < n;) {
+        ssize_t put = write(fd, buf + done, n - done);
+        if (put < 0 && errno == EINTR) continue;
+        if (put <= 0) {
+            if (put == 0) errno = ENOSPC;
+            return false;
+        }
+        done += static_cast<size_t>(put);
+    }
+    return true;
+}
+
+// Reads the next piece of the input, at most one buffer, into s_inbuf.
+// remaining counts in 64 bits: inputs of 4 GiB and more are read whole.
+static bool NextChunk(int in, uint64_t* remaining, size_t* got) {
+    *got = static_cast<size_t>(std::min<uint64_t>(*remaining, COMPRESS_BUFFER_SIZE));
+    if (!ReadFull(in, s_inbuf, *got)) {
+        Say("Failed reading from input file!");
+        return false;
+    }
+    *remaining -= *got;
+    return true;
+}
+
+static bool FlushOut(int out, size_t used) {
+    if (WriteFull(out, s_outbuf, used)) return true;
+    Say("Failed writing to output file!");
+    return false;
+}
+
+static void PutBigEndian32(unsigned char* p, uint32_t v) {
+    p[0] = static_cast<unsigned char>(v >> 24);
+    p[1] = static_cast<unsigned char>(v >> 16);
+    p[2] = static_cast<unsigned char>(v >> 8);
+    p[3] = static_cast<unsigned char>(v);
+}
+
+// zlib's own wrapper would encode the level in the second header byte, and
+// readers recognise a compressed file by 0x78 0x01 alone; so the stream is
+// raw deflate between a header and an Adler-32 trailer written here.
+static int DeflateLoop(int in, uint64_t size, int out) {
+    z_stream& z = g_deflator;
+    s_outbuf[0] = ZLIB_HEADER_0;
+    s_outbuf[1] = ZLIB_HEADER_1;
+    z.next_out = s_outbuf + 2;
+    z.avail_out = COMPRESS_BUFFER_SIZE - 2;
+    uLong adler = adler32(0, nullptr, 0);
+    uint64_t remaining = size;
+    for (;;) {
+        if (z.avail_in == 0 && remaining > 0) {
+            size_t got;
+            if (!NextChunk(in, &remaining, &got)) return 1;
+            adler = adler32(adler, s_inbuf, static_cast<uInt>(got));
+            z.next_in = s_inbuf;
+            z.avail_in = static_cast<uInt>(got);
+        }
+        int status = deflate(&z, remaining == 0 ? Z_FINISH : Z_NO_FLUSH);
+        if (status != Z_OK && status != Z_STREAM_END && status != Z_BUF_ERROR) {
+            SayStatus("tdefl_compress() failed with status %i!\n", status);
+            errno = EIO;
+            return 1;
+        }
+        if (z.avail_out == 0 || status == Z_STREAM_END) {
+            if (!FlushOut(out, COMPRESS_BUFFER_SIZE - z.avail_out)) return 1;
+            z.next_out = s_outbuf;
+            z.avail_out = COMPRESS_BUFFER_SIZE;
+        }
+        if (status == Z_STREAM_END) break;
+    }
+    unsigned char trailer[4];
+    PutBigEndian32(trailer, static_cast<uint32_t>(adler));
+    if (!WriteFull(out, trailer, sizeof trailer)) {
+        Say("Failed writing to output file!");
+        return 1;
+    }
+    return 0;
+}
+
+static int Deflate(int in, uint64_t size, int out) {
+    g_deflator = z_stream{};
+    int status = deflateInit2(&g_deflator, DEFLATE_LEVEL, Z_DEFLATED, -MAX_WBITS, DEFLATE_MEM_LEVEL,
+                              Z_DEFAULT_STRATEGY);
+    if (status != Z_OK) {
+        SayStatus("tdefl_compress() failed with status %i!\n", status);
+        errno = ENOMEM;
+        return 1;
+    }
+    deflateTune(&g_deflator, DEFLATE_GOOD_LENGTH, DEFLATE_MAX_LAZY, DEFLATE_NICE_LENGTH, DEFLATE_MAX_CHAIN);
+    int result = DeflateLoop(in, size, out);
+    int saved = errno;
+    deflateEnd(&g_deflator);
+    errno = saved;
+    return result;
+}
+
+static int InflateFailed(int status) {
+    SayStatus("tinfl_decompress() failed with status %i!\n", status);
+    errno = EBADMSG;
+    return 1;
+}
+
+// Streams the plain bytes out as they are restored and checks the trailer at
+// the end; the caller discards the output when this fails.
+static int InflateLoop(int in, uint64_t size, int out) {
+    z_stream& z = g_deflator;
+    uint64_t remaining = size;
+    if (remaining < 2) return InflateFailed(INFLATE_BAD_HEADER);
+    size_t got;
+    if (!NextChunk(in, &remaining, &got)) return 1;
+    if (s_inbuf[0] != ZLIB_HEADER_0 || s_inbuf[1] != ZLIB_HEADER_1) return InflateFailed(INFLATE_BAD_HEADER);
+    z.next_in = s_inbuf + 2;
+    z.avail_in = static_cast<uInt>(got - 2);
+    z.next_out = s_outbuf;
+    z.avail_out = COMPRESS_BUFFER_SIZE;
+    uLong adler = adler32(0, nullptr, 0);
+    for (;;) {
+        if (z.avail_in == 0 && remaining > 0) {
+            if (!NextChunk(in, &remaining, &got)) return 1;
+            z.next_in = s_inbuf;
+            z.avail_in = static_cast<uInt>(got);
+        }
+        int status = inflate(&z, Z_NO_FLUSH);
+        if (status != Z_OK && status != Z_STREAM_END && status != Z_BUF_ERROR) return InflateFailed(INFLATE_CORRUPT);
+        if (z.avail_out == 0 || status == Z_STREAM_END) {
+            size_t used = COMPRESS_BUFFER_SIZE - z.avail_out;
+            adler = adler32(adler, s_outbuf, static_cast<uInt>(used));
+            if (!FlushOut(out, used)) return 1;
+            z.next_out = s_outbuf;
+            z.avail_out = COMPRESS_BUFFER_SIZE;
+        }
+        if (status == Z_STREAM_END) break;
+        // No progress with all input used: the file ends inside the stream.
+        if (status == Z_BUF_ERROR && z.avail_in == 0 && remaining == 0) return InflateFailed(INFLATE_TRUNCATED);
+    }
+    uint64_t left = z.avail_in + remaining;
+    if (left < 4) return InflateFailed(INFLATE_TRUNCATED);
+    if (left > 4) return InflateFailed(INFLATE_TRAILING_DATA);
+    unsigned char trailer[4];
+    size_t have = z.avail_in;
+    std::copy_n(z.next_in, have, trailer);
+    if (remaining > 0 && !ReadFull(in, trailer + have, static_cast<size_t>(remaining))) {
+        Say("Failed reading from input file!");
+        return 1;
+    }
+    unsigned char expected[4];
+    PutBigEndian32(expected, static_cast<uint32_t>(adler));
+    if (!std::equal(trailer, trailer + 4, expected)) return InflateFailed(INFLATE_BAD_CHECKSUM);
+    return 0;
+}
+
+static int Inflate(int in, uint64_t size, int out) {
+    g_deflator = z_stream{};
+    if (inflateInit2(&g_deflator, -MAX_WBITS) != Z_OK) {
+        InflateFailed(INFLATE_CORRUPT);
+        errno = ENOMEM;
+        return 1;
+    }
+    int result = InflateLoop(in, size, out);
+    int saved = errno;
+    inflateEnd(&g_deflator);
+    errno = saved;
+    return result;
+}
+
+static bool InputSize(int fd, uint64_t* size) {
+    struct stat st;
+    if (fstat(fd, &st) != 0) {
+        Say("Failed reading from input file!");
+        return false;
+    }
+    *size = static_cast<uint64_t>(st.st_size);
+    return true;
+}
+
+int InflateFd(int inFd, int outFd) {
+    uint64_t size;
+    if (!InputSize(inFd, &size)) return 1;
+    if (lseek(inFd, 0, SEEK_SET) != 0) {
+        Say("Failed reading from input file!");
+        return 1;
+    }
+    return Inflate(inFd, size, outFd);
+}
+
+int doCompression(const char* mode, const char* inPath, const char* outPath) {
+    char op = mode ? static_cast<char>(mode[0] | 0x20) : '\0';
+    if (op != 'c' && op != 'd') {
+        Say("Invalid mode!");
+        errno = EINVAL;
+        return 1;
+    }
+    int in = open(inPath, O_RDONLY | O_CLOEXEC);
+    if (in < 0) {
+        Say("Failed opening input file!");
+        return 1;
+    }
+    struct stat inStat;
+    if (fstat(in, &inStat) != 0) {
+        int saved = errno;
+        Say("Failed reading from input file!");
+        close(in);
+        errno = saved;
+        return 1;
+    }
+    // Exclusive and without following links: an existing file or a link
+    // planted under the temporary name is never written through.
+    int out = open(outPath, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666);
+    if (out < 0) {
+        int saved = errno;
+        Say("Failed opening output file!");
+        close(in);
+        errno = saved;
+        return 1;
+    }
+    // The result replaces the input, so it gets the input's permissions
+    // before any data is in it; where that is refused the umask's stay.
+    (void)fchmod(out, inStat.st_mode & 0777);
+    uint64_t size = static_cast<uint64_t>(inStat.st_size);
+    int result = op == 'c' ? Deflate(in, size, out) : Inflate(in, size, out);
+    // Synced before anyone renames it into place, so that a crash cannot
+    // leave a name pointing at an empty or partial file.
+    int saved = errno;
+    if (result == 0 && fsync(out) != 0) {
+        saved = errno;
+        Say("Failed writing to output file!");
+        result = 1;
+    }
+    if (close(out) != 0 && result == 0) {
+        saved = errno;
+        Say("Failed writing to output file!");
+        result = 1;
+    }
+    close(in);
+    if (result != 0) unlink(outPath);
+    errno = saved;
+    return result;
+}
+
+int compressFile(const char* in, const char* out) { return doCompression("c", in, out); }
+
+int decompressFile(const char* in, const char* out) { return doCompression("d", in, out); }

@@ -1,0 +1,99 @@
+#include "detail/dtlclose.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <ctime>
+
+#include "detail/compress.h"
+#include "log/log.h"
+
+static void MakeTempName(const char* path, char (&out)[DTL_TEMP_NAME_SIZE]) {
+    int n = snprintf(out, sizeof out, "%s-%d.tmp", path, static_cast<int>(time(nullptr)));
+    if (n < 0 || n >= DTL_TEMP_NAME_SIZE)
+        ErrExit("DTL file path too long for its temporary file (more than %d bytes): '%s'\n",
+                DTL_TEMP_NAME_SIZE - 1, path);
+}
+
+static void RequireDtlFile(const char* path) {
+    struct stat st;
+    if (stat(path, &st) != 0) PosixErrExit(0, "Couldn't find DTL file: '%s'\n", path);
+}
+
+// A leftover of another run, or a name or link someone planted, is never
+// reused or followed (the message says "decompressing" in both directions).
+static void RequireFreeTempName(const char* path, const char* temp) {
+    struct stat st;
+    if (lstat(temp, &st) == 0)
+        PosixErrExit(EEXIST, "Error. Could not write temp file for decompressing '%s'\n", path);
+}
+
+// The next two bytes of the stream are the zlib header 0x78 0x01; the
+// stream is rewound either way.
+static bool StartsCompressed(FILE* stream) {
+    int first = fgetc(stream);
+    int second = fgetc(stream);
+    rewind(stream);
+    return first == ZLIB_HEADER_0 && second == ZLIB_HEADER_1;
+}
+
+// rename() swaps the complete temporary file in for the original at once;
+// when it fails the original stays and the temporary file goes.
+static bool PutInPlace(const char* temp, const char* path) {
+    if (rename(temp, path) == 0) return true;
+    int saved = errno;
+    unlink(temp);
+    errno = saved;
+    return false;
+}
+
+void CloseDtlFile(FILE* stream, const char* path, uint32_t zipFlag) {
+    // The close flushes the last buffered records, so it is checked like a write.
+    if (stream && fclose(stream) != 0) PosixErrExit(0, "Error closing DTL file '%s'\n", path);
+    if (zipFlag == 0) return;
+    RequireDtlFile(path);
+    char temp[DTL_TEMP_NAME_SIZE];
+    MakeTempName(path, temp);
+    RequireFreeTempName(path, temp);
+    printf("Compressing DTL file\n");
+    fflush(stdout);
+    if (compressFile(path, temp) != 0)
+        PosixErrExit(0, "Error occurred during compression of '%s'\nCould not write temp file: %s\n", path, temp);
+    if (!PutInPlace(temp, path)) PosixErrExit(0, "An unknown error occurred during compression of '%s'\n", path);
+}
+
+FILE* OpenDtlFile(const char* path, const char* mode, int* wasCompressed) {
+    RequireDtlFile(path);
+    FILE* stream = fopen(path, mode);
+    if (!stream) PosixErrExit(0, "Unable to open scan detail file '%s'\n", path);
+    if (!StartsCompressed(stream)) return stream;
+    if (wasCompressed) *wasCompressed = 1;
+    fclose(stream);
+    char temp[DTL_TEMP_NAME_SIZE];
+    MakeTempName(path, temp);
+    RequireFreeTempName(path, temp);
+    printf("Decompressing DTL file\n");
+    fflush(stdout);
+    if (decompressFile(path, temp) != 0)
+        PosixErrExit(0, "Error occurred during decompression of '%s'\nCould not write temp file: %s\n", path, temp);
+    if (!PutInPlace(temp, path)) PosixErrExit(0, "An unknown error occurred during decompression of '%s'\n", path);
+    stream = fopen(path, mode);
+    if (!stream) PosixErrExit(0, "Unable to open scan detail file '%s'\n", path);
+    return stream;
+}
+
+FILE* OpenDtlFileCopy(const char* path, int* wasCompressed) {
+    RequireDtlFile(path);
+    FILE* stream = fopen(path, "rb");
+    if (!stream) PosixErrExit(0, "Unable to open scan detail file '%s'\n", path);
+    if (!StartsCompressed(stream)) return stream;
+    if (wasCompressed) *wasCompressed = 1;
+    FILE* copy = tmpfile();
+    if (!copy) PosixErrExit(0, "Error. Could not write temp file for decompressing '%s'\n", path);
+    if (InflateFd(fileno(stream), fileno(copy)) != 0)
+        PosixErrExit(0, "Error occurred during decompression of '%s'\n", path);
+    fclose(stream);
+    rewind(copy);
+    return copy;
+}
