@@ -1,1 +1,5 @@
-list(APPEND FERROVAN_TEST_SOURCES)
+list(APPEND FERROVAN_TEST_SOURCES
+  config/configfile_test.cpp
+  config/roots_test.cpp
+  config/templates_test.cpp
+)
