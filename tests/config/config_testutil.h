@@ -1,29 +1,26 @@
-// Helpers of the configuration tests: releasing the root list between tests.
+// Helpers of the configuration tests: releasing roots and templates.
 #pragma once
 
 #include <cstdlib>
 
 #include "config/roots.h"
 
-inline void FreeTemplates(TemplateRec* list) {
-    while (list) {
-        TemplateRec* next = list->next;
-        free(list);
-        list = next;
-    }
+/// Frees the four template lists of root.
+inline void FreeTemplateLists(AuditRoot* root) {
+    for (TemplateRec* list : {root->includeDirs, root->excludeDirs, root->includeFiles, root->excludeFiles})
+        for (TemplateRec* next; list; list = next) {
+            next = list->next;
+            free(list);
+        }
 }
 
-/// Frees every root record with its texts and templates and empties the list.
+/// Frees every root of rootList and empties the list.
 inline void ResetRoots() {
-    while (rootList) {
-        AuditRoot* next = rootList->next;
-        for (TemplateRec* list : {rootList->includeDirs, rootList->excludeDirs, rootList->includeFiles,
-                                  rootList->excludeFiles})
-            FreeTemplates(list);
+    for (AuditRoot* next; rootList; rootList = next) {
+        next = rootList->next;
+        FreeTemplateLists(rootList);
         free(rootList->path);
-        free(rootList->mountSource);
         free(rootList);
-        rootList = next;
     }
     rootLast = nullptr;
     rootCount = 0;
