@@ -3,10 +3,12 @@
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 
+#include <strings.h>
+
 #include <climits>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <strings.h>
 
 #include "driver/globals.h"
 #include "log/log.h"
