@@ -1,1 +1,5 @@
-list(APPEND FERROVAN_CORE_SOURCES)
+list(APPEND FERROVAN_CORE_SOURCES
+  config/configfile.cpp
+  config/roots.cpp
+  config/templates.cpp
+)

@@ -8,6 +8,8 @@
 #include <cstring>
 #include <ctime>
 
+#include "config/configfile.h"
+#include "config/roots.h"
 #include "detail/dtlclose.h"
 #include "driver/globals.h"
 #include "driver/options.h"
@@ -51,6 +53,24 @@ const char* FormatElapsed(long long seconds, char* out) {
     return out;
 }
 
+// The scan root named on the command line: the one word the option parser
+// left in argv. A [ScanRoot] section without a path takes its path from here.
+static void TakeCommandLineRoot(int argc, char** argv) {
+    bool taken = false;
+    for (int i = 1; i < argc; i++) {
+        if (!argv[i]) continue;
+        if (taken) ErrExit("Only one scan root may be specified\n");
+        if (rootList && rootList->path)
+            ErrExit("Scan root cannot be specified in both the configuration file and on the command line\n");
+        size_t length = strlen(argv[i]);
+        auto* path = static_cast<char*>(GetMem(length + 1, "root path"));
+        memcpy(path, argv[i], length);
+        if (!rootList) rootList = rootLast = NewRoot();
+        rootList->path = path;
+        taken = true;
+    }
+}
+
 int RunFerrovan(int argc, char** argv) {
     compiledArchitecture = static_cast<char*>(GetMem(32, "Architecture"));
     snprintf(compiledArchitecture, 32, "%s", "IA32");
@@ -85,6 +105,10 @@ int RunFerrovan(int argc, char** argv) {
     strftime(startText, sizeof startText, "%a, %d %b, %Y at %X", localtime(&timeStamp));
 
     LogEntry("Zentrix Filesystem Audit Utility\n\n");
+    if (cmdOpts[CMD_CFG].optFlags & OPT_FOUND) ProcessConfigFile(cmdOpts[CMD_CFG].optArg);
+    TakeCommandLineRoot(argc, argv);
+    ValidateRootList();
+    LogEntry("Run on: %s, Timestamp: %s\n\n", srvrName, startText);
 
     time_t end = time(nullptr);
     struct tm* endTm = localtime(&end);

@@ -1,6 +1,7 @@
 list(APPEND FERROVAN_TEST_SOURCES)
-# Access paths and forced recall.
+# Access paths, forced recall, and the per-root lines of the log.
 list(APPEND FERROVAN_TEST_SOURCES
   scan/accesspath_test.cpp
   scan/recall_test.cpp
+  scan/totals_test.cpp
 )

@@ -1,0 +1,2 @@
+~x*y?
+ax/xyz/yq

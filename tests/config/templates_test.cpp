@@ -1,0 +1,110 @@
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include "config/roots.h"
+#include "config/templates.h"
+#include "tests/config/config_testutil.h"
+#include "tests/config/reference_match.h"
+
+static std::string Convert(const std::string& written) {
+    std::string out(written.size() + 1, '\x7f');
+    uint32_t stored = 0;
+    out.resize(ConvertTemplate(written.data(), static_cast<int>(written.size()), out.data(), &stored) + 1);
+    EXPECT_EQ(out.back(), '\0');
+    out.pop_back();
+    EXPECT_EQ(out.size(), stored);
+    return out;
+}
+
+TEST(ConvertTemplate, WildcardsBecomeCodesAndTheApostropheEscapes) {
+    const std::pair<std::string, std::string> cases[] = {
+        {"", ""}, {"*.t?~", "\x02.t\x01\x03"},
+        {"'*'?'~", "*?~"}, {"''", "'"}, {"'''", "''"},  // an escaped wildcard or apostrophe is a literal
+        {"'a", "'a"}, {"a'", "a'"},                        // any other apostrophe stays
+        {"\xe9*\x01", "\xe9\x02\x01"},                     // high bytes and code bytes pass unchanged
+    };
+    for (const auto& [written, converted] : cases) EXPECT_EQ(Convert(written), converted) << written;
+    char dst[4] = "xyz";
+    EXPECT_EQ(ConvertTemplate("abc", -1, dst, nullptr), 0u);
+    EXPECT_STREQ(dst, "");
+}
+
+TEST(TemplateMatch, FollowsTheWildcardRules) {
+    struct Case {
+        const char* written;
+        const char* text;
+        int useBackslash, result;
+    } cases[] = {
+        {"*.txt", "a.txt", 0, 1},     {"*.txt", "x/a.txt", 0, 1},  // a run before more template crosses '/'
+        {"/src/*", "/src/a", 0, 1},   {"/src/*", "/src/a/b", 0, 0}, // a trailing '*' does not
+        {"/src/~", "/src/a/b", 0, 1}, {"/a/*/c", "/a/b/x/c", 0, 1},
+        {"a?c", "a/c", 0, 0},         {"a?c", "abc", 0, 1},
+        {"*?", "", 0, 1},             {"?*", "", 0, 0},            // '?' in a run asks for nothing
+        {"*.TXT", "a.txt", 0, 0},     {"", "", 0, 1},
+        {"*", "/a", 0, 0},            {"/*", "/a", 0, 1},
+        {"*/*", "a/b/c", 0, 1},       {"*a*b", "ab/ab/a", 0, 0},
+        {"*~", "a/b", 0, 1},          {"'*", "*", 0, 1},
+        {"'*", "a", 0, 0},            {"''", "'", 0, 1},
+        {"\\s\\*", "\\s\\a\\b", 1, 0}, {"/s/*", "/s/a/b", 1, 1},   // the backslash as separator
+        {"a?c", "a\\c", 1, 0},
+    };
+    for (const Case& c : cases)
+        EXPECT_EQ(TemplateMatch(c.text, Convert(c.written).c_str(), c.useBackslash), c.result)
+            << "template '" << c.written << "' text '" << c.text << "'";
+}
+
+// Every template of up to four characters over a small alphabet against every
+// text of up to five, compared with the literal recursive rule.
+TEST(TemplateMatch, AgreesWithTheRecursiveRuleOnEverySmallCase) {
+    auto all = [](const std::string& alphabet, size_t maxLength) {
+        std::vector<std::string> out{""};
+        for (size_t i = 0; out[i].size() < maxLength; i++)
+            for (char c : alphabet) out.push_back(out[i] + c);
+        return out;
+    };
+    int mismatches = 0;
+    for (const std::string& written : all("a/?*~", 4)) {
+        std::string pattern = Convert(written);
+        for (const std::string& text : all("ab/", 5)) {
+            int expected = ReferenceMatcher(text, pattern, false).Match();
+            if (TemplateMatch(text.c_str(), pattern.c_str(), 0) != expected && ++mismatches <= 10)
+                ADD_FAILURE() << "template '" << written << "' text '" << text << "' expected " << expected;
+        }
+    }
+    EXPECT_EQ(mismatches, 0);
+}
+
+TEST(Templates, ListsAndTheSelectionRule) {
+    AuditRoot root{};
+    for (const char* text : {"a*", "'?b", "c"}) AddIncludeFile(&root, text);
+    std::vector<std::string> orig, match;
+    for (TemplateRec* t = root.includeFiles; t; t = t->next) {
+        EXPECT_EQ(t->matchText, reinterpret_cast<char*>(t + 1));  // both texts in the record's block
+        EXPECT_EQ(t->origText, t->matchText + t->matchLength + 1);
+        orig.push_back(t->origText);
+        match.push_back(t->matchText);
+    }
+    EXPECT_EQ(orig, (std::vector<std::string>{"c", "'?b", "a*"}));  // newest first
+    EXPECT_EQ(match, (std::vector<std::string>{"c", "?b", "a\x02"}));
+    AddExcludeFile(&root, "*.o");
+    AddIncludeDir(&root, "/s*");
+    AddExcludeDir(&root, "/sx");
+    struct Case {
+        const char* text;
+        int file, dir;
+    } cases[] = {
+        {"ab", 1, 0}, {"?b", 1, 0}, {"xb", 0, 0},  // included by a file template or not
+        {"a.o", 0, 0},                              // the exclusion wins
+        {"s", 0, 1}, {"sx", 0, 0},                  // directory templates see "/" + the name
+    };
+    for (const Case& c : cases) {
+        EXPECT_EQ(IsFileSelected(c.text, &root), c.file) << c.text;
+        EXPECT_EQ(IsDirectorySelected((std::string("/") + c.text).c_str(), &root), c.dir) << c.text;
+    }
+    AuditRoot empty{};
+    EXPECT_EQ(IsFileSelected("x", &empty) + IsDirectorySelected("/x", &empty), 2);  // no templates: everything
+    FreeTemplateLists(&root);
+}
