@@ -188,6 +188,13 @@ constexpr int32_t TREE_DEFAULT_TREE_MEMORY = 50000000;   ///< tree-node budget f
 constexpr int32_t TREE_DEFAULT_KEY_MEMORY = 100000000;   ///< key-node budget for keyMemory 0
 constexpr uint32_t MIN_CACHED_NODES = 2;                 ///< smallest cache of either kind
 
+/// Bytes of the block holding the header, the two node-pointer arrays and,
+/// behind them, the cached node numbers parallel to each array (searched
+/// instead of the buffers, whose numbers are scattered through memory).
+constexpr uint64_t TreeBlockSize(uint64_t treeCapacity, uint64_t keyCapacity) {
+    return 240 + (8 + 4) * (treeCapacity + keyCapacity);
+}
+
 /// Tree node image size for an order.
 constexpr uint64_t TreeNodeSize(uint64_t order) { return 12 * order + sizeof(TreeNode); }
 /// Key node image size.
@@ -244,11 +251,16 @@ inline KeySlot* _slotAt(const TreeHeader* tree, KeyNode* node, uint32_t index) {
 /// the tree has data.
 KeySlot* _keyAddr(TreeHeader* tree, const NodeEntry* entry);
 
+/// The node numbers of a table's cached nodes, element for element as in `nodes`.
+inline uint32_t* _tableNumbers(TreeHeader* tree, const NodeTable* table) {
+    auto* numbers = reinterpret_cast<uint32_t*>(tree->keyNodes.nodes + tree->keyNodes.capacity);
+    return table == &tree->treeNodes ? numbers : numbers + tree->treeNodes.capacity;
+}
 /// The array element holding that node number, or the first with a greater one.
-NodeHead** _findNode(NodeTable* table, uint32_t nodeNumber);
+NodeHead** _findNode(TreeHeader* tree, NodeTable* table, uint32_t nodeNumber);
 /// Moves the elements from index `from` to the end by one place to `to`
 /// (from + 1 opens a gap at from, from - 1 closes the gap at to) and adjusts count.
-void _shiftMemoryTable(NodeTable* table, uint32_t from, uint32_t to);
+void _shiftMemoryTable(TreeHeader* tree, NodeTable* table, uint32_t from, uint32_t to);
 /// Writes a node image at its offset in the table's page file.
 void _flushNode(TreeHeader* tree, NodeTable* table, const NodeHead* node);
 /// Writes nodeSize bytes as the image of node nodeNumber.

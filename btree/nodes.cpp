@@ -62,14 +62,13 @@ void _fetchNode(TreeHeader* tree, NodeTable* table, uint32_t nodeNumber, void* b
 // (count when all are smaller).
 // WARNING: per-entry hot path (every key comparison addresses a key node);
 // benchmark any change with bench/btree_bench.
-static inline uint32_t TablePlace(const NodeTable* table, uint32_t nodeNumber) {
-    NodeHead* const* nodes = table->nodes;
+static inline uint32_t TablePlace(const uint32_t* numbers, const NodeTable* table, uint32_t nodeNumber) {
     int32_t count = static_cast<int32_t>(table->count);
-    if (count == 0 || nodeNumber > nodes[count - 1]->nodeNumber) return static_cast<uint32_t>(count);
+    if (count == 0 || nodeNumber > numbers[count - 1]) return static_cast<uint32_t>(count);
     int32_t lo = -1, hi = count - 1;
     while (hi - lo > 1) {
         int32_t mid = hi - ((hi - lo) >> 1);
-        uint32_t number = nodes[mid]->nodeNumber;
+        uint32_t number = numbers[mid];
         if (number == nodeNumber) return static_cast<uint32_t>(mid);
         if (number < nodeNumber) {
             lo = mid;
@@ -80,10 +79,14 @@ static inline uint32_t TablePlace(const NodeTable* table, uint32_t nodeNumber) {
     return static_cast<uint32_t>(hi);
 }
 
-NodeHead** _findNode(NodeTable* table, uint32_t nodeNumber) { return table->nodes + TablePlace(table, nodeNumber); }
+NodeHead** _findNode(TreeHeader* tree, NodeTable* table, uint32_t nodeNumber) {
+    return table->nodes + TablePlace(_tableNumbers(tree, table), table, nodeNumber);
+}
 
-void _shiftMemoryTable(NodeTable* table, uint32_t from, uint32_t to) {
+void _shiftMemoryTable(TreeHeader* tree, NodeTable* table, uint32_t from, uint32_t to) {
+    uint32_t* numbers = _tableNumbers(tree, table);
     memmove(table->nodes + to, table->nodes + from, (table->count - from) * sizeof(NodeHead*));
+    memmove(numbers + to, numbers + from, (table->count - from) * sizeof(uint32_t));
     if (to > from) {
         table->count++;
     } else {
@@ -120,7 +123,7 @@ static void AppendNewest(NodeTable* table, NodeHead* node) {
 static NodeHead* Evict(TreeHeader* tree, NodeTable* table, uint32_t* placeOut) {
     NodeHead* victim = table->oldestNode;
     Unlink(table, victim);
-    *placeOut = TablePlace(table, victim->nodeNumber);
+    *placeOut = TablePlace(_tableNumbers(tree, table), table, victim->nodeNumber);
     _flushNode(tree, table, victim);
     return victim;
 }
@@ -128,13 +131,15 @@ static NodeHead* Evict(TreeHeader* tree, NodeTable* table, uint32_t* placeOut) {
 // The miss path of _nodeAddr: place is where nodeNumber belongs in the array.
 static NodeHead* PageIn(TreeHeader* tree, NodeTable* table, uint32_t nodeNumber, uint32_t place) {
     NodeHead** nodes = table->nodes;
+    uint32_t* numbers = _tableNumbers(tree, table);
     NodeHead* buffer;
     if (table->count < table->capacity) {
         // Only reachable before the cache has filled (a loaded tree whose
         // node was not cached when saved): take a fresh buffer.
         buffer = static_cast<NodeHead*>(_treeAlloc(tree, table->nodeSize));
-        _shiftMemoryTable(table, place, place + 1);
+        _shiftMemoryTable(tree, table, place, place + 1);
         nodes[place] = buffer;
+        numbers[place] = nodeNumber;
     } else {
         uint32_t victimPlace;
         buffer = Evict(tree, table, &victimPlace);
@@ -142,10 +147,13 @@ static NodeHead* PageIn(TreeHeader* tree, NodeTable* table, uint32_t nodeNumber,
         uint32_t target = place > victimPlace ? place - 1 : place;
         if (target < victimPlace) {
             memmove(nodes + target + 1, nodes + target, (victimPlace - target) * sizeof(NodeHead*));
+            memmove(numbers + target + 1, numbers + target, (victimPlace - target) * sizeof(uint32_t));
         } else if (target > victimPlace) {
             memmove(nodes + victimPlace, nodes + victimPlace + 1, (target - victimPlace) * sizeof(NodeHead*));
+            memmove(numbers + victimPlace, numbers + victimPlace + 1, (target - victimPlace) * sizeof(uint32_t));
         }
         nodes[target] = buffer;
+        numbers[target] = nodeNumber;
     }
     _fetchNode(tree, table, nodeNumber, buffer);
     buffer->nodeNumber = nodeNumber;  // keeps the array sorted even for a page never written
@@ -159,23 +167,22 @@ static NodeHead* PageIn(TreeHeader* tree, NodeTable* table, uint32_t nodeNumber,
 NodeHead* _nodeAddr(TreeHeader* tree, NodeTable* table, uint32_t nodeNumber) {
     NodeHead* newest = table->newestNode;
     if (newest && newest->nodeNumber == nodeNumber) return newest;
-    uint32_t place = TablePlace(table, nodeNumber);
-    if (place < table->count) {
+    uint32_t* numbers = _tableNumbers(tree, table);
+    uint32_t place = TablePlace(numbers, table, nodeNumber);
+    if (place < table->count && numbers[place] == nodeNumber) {
         NodeHead* node = table->nodes[place];
-        if (node->nodeNumber == nodeNumber) {
-            // Not the newest (checked above), so it has a newer neighbour.
-            node->newerNode->olderNode = node->olderNode;
-            if (node->olderNode) {
-                node->olderNode->newerNode = node->newerNode;
-            } else {
-                table->oldestNode = node->newerNode;
-            }
-            node->olderNode = newest;
-            node->newerNode = nullptr;
-            newest->newerNode = node;
-            table->newestNode = node;
-            return node;
+        // Not the newest (checked above), so it has a newer neighbour.
+        node->newerNode->olderNode = node->olderNode;
+        if (node->olderNode) {
+            node->olderNode->newerNode = node->newerNode;
+        } else {
+            table->oldestNode = node->newerNode;
         }
+        node->olderNode = newest;
+        node->newerNode = nullptr;
+        newest->newerNode = node;
+        table->newestNode = node;
+        return node;
     }
     return PageIn(tree, table, nodeNumber, place);
 }
@@ -185,7 +192,7 @@ NodeHead* _getNewNode(TreeHeader* tree, NodeTable* table) {
     if (table->count == table->capacity) {
         uint32_t victimPlace;
         node = Evict(tree, table, &victimPlace);
-        _shiftMemoryTable(table, victimPlace + 1, victimPlace);
+        _shiftMemoryTable(tree, table, victimPlace + 1, victimPlace);
     } else {
         node = static_cast<NodeHead*>(_treeAlloc(tree, table->nodeSize));
     }
@@ -194,6 +201,7 @@ NodeHead* _getNewNode(TreeHeader* tree, NodeTable* table) {
     if (*counter == 0) ErrExit("B-tree page file '%s' is full\n", _pageFileName(tree, table));
     node->nodeNumber = (*counter)++;  // numbers only grow, so appending keeps the array sorted
     AppendNewest(table, node);
+    _tableNumbers(tree, table)[table->count] = node->nodeNumber;
     table->nodes[table->count++] = node;
     return node;
 }

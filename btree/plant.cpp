@@ -117,7 +117,7 @@ TreeHeader* TreePlant(uint32_t flags, uint32_t order, int32_t treeMemory, const 
     header.keyNodes.nodeSize = static_cast<uint32_t>(keyNodeSize);
     uint64_t treeCapacity = CacheNodes(treeMemory, TREE_DEFAULT_TREE_MEMORY, header.treeNodes.nodeSize);
     uint64_t keyCapacity = CacheNodes(keyMemory, TREE_DEFAULT_KEY_MEMORY, header.keyNodes.nodeSize);
-    uint64_t blockSize = sizeof(TreeHeader) + 8 * (treeCapacity + keyCapacity);
+    uint64_t blockSize = TreeBlockSize(treeCapacity, keyCapacity);
     if (blockSize > UINT32_MAX) {
         ErrExit("B-tree caches too large: %llu tree nodes and %llu key nodes\n",
                 static_cast<unsigned long long>(treeCapacity), static_cast<unsigned long long>(keyCapacity));

@@ -103,7 +103,7 @@ int64_t TreeSave(TreeHeader* tree, int fd) {
 // overrun memory; it is refused rather than loaded.
 static bool PlausibleHeader(const TreeHeader& h) {
     uint64_t slotSize = uint64_t{h.keyLength} + h.dataLength + sizeof(KeySlot);
-    uint64_t block = sizeof(TreeHeader) + 8 * (uint64_t{h.treeNodes.capacity} + h.keyNodes.capacity);
+    uint64_t block = TreeBlockSize(h.treeNodes.capacity, h.keyNodes.capacity);
     return h.order >= 2 && h.keysPerNode >= 1 && h.treeNodes.nodeSize == TreeNodeSize(h.order) &&
            h.slotSize == slotSize && h.keyNodes.nodeSize == KeyNodeSize(h.keysPerNode, slotSize) &&
            h.treeNodes.nodeSize <= INT32_MAX && h.keyNodes.nodeSize <= INT32_MAX && block <= UINT32_MAX &&
@@ -117,8 +117,7 @@ TreeHeader* TreeLoad(int fd, int64_t offset, const char* treeFileName, const cha
     lseek(fd, static_cast<off_t>(offset), SEEK_SET);
     ReadIn(fd, &saved, sizeof saved);
     if (!PlausibleHeader(saved)) ErrExit("Saved B-tree at offset %lld is damaged\n", static_cast<long long>(offset));
-    uint32_t blockSize = static_cast<uint32_t>(sizeof(TreeHeader) +
-                                               8 * (uint64_t{saved.treeNodes.capacity} + saved.keyNodes.capacity));
+    auto blockSize = static_cast<uint32_t>(TreeBlockSize(saved.treeNodes.capacity, saved.keyNodes.capacity));
     saved.allocFn = allocFn ? allocFn : GetTreeMem;
     auto* tree = static_cast<TreeHeader*>(_treeAlloc(&saved, blockSize));
     memset(tree, 0, blockSize);
@@ -174,6 +173,7 @@ void FixNodeTable(TreeHeader* tree, NodeTable* table) {
         table->nodes[i] = node;
         _fetchNode(tree, table, number, node);
         node->nodeNumber = number;
+        _tableNumbers(tree, table)[i] = number;
         if (i > 0 && number <= table->nodes[i - 1]->nodeNumber) sorted = false;
     }
     // Each node's saved older and newer numbers are matched against the other

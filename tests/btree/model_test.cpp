@@ -110,6 +110,11 @@ struct Harness {
         ASSERT_EQ(write(fd, "prefix", 6), 6);
         int64_t offset = TreeSave(tree, fd);
         ASSERT_EQ(offset, 6);
+        // Header, both node tables, then both page files (one in the shared-file mode).
+        uint64_t size = 240 + 8 * (tree->treeNodes.capacity + tree->keyNodes.capacity) +
+                        uint64_t{*tree->treeNodes.nextNodePtr} * tree->treeNodes.nodeSize;
+        if (!(config.flags & TREE_SHARED_FILE)) size += uint64_t{tree->keyNodes.nextNode} * tree->keyNodes.nodeSize;
+        ASSERT_EQ(lseek(fd, 0, SEEK_END), off_t(offset + size));
         Free();
         tree = TreeLoad(fd, offset, nullptr, nullptr, nullptr, nullptr, config.pointerKeys ? PointerCmp : nullptr);
         close(fd);

@@ -1,8 +1,4 @@
-// Shapes of search, insertion, traversal and deletion on small orders, and
-// the byte size of a saved tree.
-
-#include <fcntl.h>
-#include <unistd.h>
+// Shapes of search, insertion, traversal and deletion on small orders.
 
 #include <vector>
 
@@ -154,6 +150,22 @@ TEST_F(TreeShapeTest, DeletedSlotIsTheNextOneUsed) {
     }
 }
 
+TEST_F(TreeShapeTest, LeavesEmptiedByDeletionAreSteppedOver) {
+    TreeHeader* tree = PlantKeys4(4, 2, 2);
+    for (uint32_t k = 1; k <= 9; k++) Add(tree, k * 10);  // leaves 10-40, 50-80, 90
+    for (uint32_t k : {10, 20, 30, 40, 90}) ASSERT_EQ(TreeDeleteKey(tree, Key4(k).b, 4), 1) << k;
+    EXPECT_EQ(LevelCounts(tree, 0), (std::vector<uint32_t>{0, 4, 0}));
+    EXPECT_EQ(Walk(tree, true), (std::vector<uint32_t>{50, 60, 70, 80}));
+    EXPECT_EQ(Walk(tree, false), (std::vector<uint32_t>{80, 70, 60, 50}));
+    for (uint32_t k : {25, 40, 90, 95}) {
+        EXPECT_EQ(Find(tree, k), nullptr) << k;
+        EXPECT_EQ(Add(tree, k), 1) << k;
+    }
+    EXPECT_EQ(Walk(tree, true), (std::vector<uint32_t>{25, 40, 50, 60, 70, 80, 90, 95}));
+    EXPECT_EQ(LevelCounts(tree, 0), (std::vector<uint32_t>{2, 4, 2}));
+    TreeFree(tree);
+}
+
 TEST_F(TreeShapeTest, RefusedDuplicateKeepsDataAndUsesUpASlot) {
     TreeHeader* tree = PlantKeys4(4, 2, 2, 8, 16);
     const char first[16] = "first", second[16] = "second";
@@ -182,21 +194,6 @@ TEST(KeyCmp, OrdersBytesUnsignedThenShorterFirst) {
     for (const Case& c : cases) {
         EXPECT_EQ(_keyCmp(c.a, uint32_t(strlen(c.a)), c.b, uint32_t(strlen(c.b))), c.expected) << c.a << " " << c.b;
     }
-}
-
-TEST_F(TreeShapeTest, SavedTreeHasItsDocumentedSize) {
-    TreeHeader* tree = PlantKeys4(4, 3, 2);
-    for (uint32_t k = 1; k <= 40; k++) Add(tree, k * 7919 % 1000);
-    std::string path = dir / "saved";
-    int fd = open(path.c_str(), O_RDWR | O_CREAT | O_EXCL, 0600);
-    ASSERT_GE(fd, 0);
-    EXPECT_EQ(TreeSave(tree, fd), 0);
-    uint64_t expected = 240 + 8 * (3 + 2) + uint64_t{tree->treeNodes.nextNode} * tree->treeNodes.nodeSize +
-                        uint64_t{tree->keyNodes.nextNode} * tree->keyNodes.nodeSize;
-    EXPECT_EQ(ReadFile(path).size(), expected);
-    TreeFree(tree);
-    close(fd);
-    unlink(path.c_str());
 }
 
 }  // namespace
