@@ -203,7 +203,7 @@ static_assert(TreeNodeSize(512) == 6192);
 static_assert(KeyNodeSize(128, 8 + 0 + 12) == 2584);
 static_assert(KeyNodeSize(512, 4 + 16 + 12) == 16408);
 
-// ---- Creation and release (btree/nodes.cpp) ----
+// ---- Creation and release (btree/plant.cpp) ----
 
 /// Creates an empty tree. treeMemory and keyMemory: 0 = default budget,
 /// negative = minus the number of nodes to cache, positive = a byte budget.
@@ -225,6 +225,10 @@ void _rootSetup(TreeHeader* tree, const char* treeFileName, const char* keyFileN
 /// A fresh temporary page-file path for the letter ('t' or 'k'), copied with
 /// allocFn into *out; returns it.
 char* _btreeTemp(TreeHeader* tree, char letter, char** out);
+/// allocFn, ending the run when it returns null.
+void* _treeAlloc(TreeHeader* tree, uint32_t size);
+
+// ---- Node caches and page I/O (btree/nodes.cpp) ----
 
 /// A fresh zeroed node of the table's kind, cached as the newest.
 NodeHead* _getNewNode(TreeHeader* tree, NodeTable* table);
@@ -243,7 +247,7 @@ inline TreeNode* _treeNodeAddr(TreeHeader* tree, uint32_t nodeNumber) {
 inline KeyNode* _keyNodeAddr(TreeHeader* tree, uint32_t nodeNumber) {
     return reinterpret_cast<KeyNode*>(_nodeAddr(tree, &tree->keyNodes, nodeNumber));
 }
-/// Slot index of a key node.
+/// The slot at index in a key node.
 inline KeySlot* _slotAt(const TreeHeader* tree, KeyNode* node, uint32_t index) {
     return reinterpret_cast<KeySlot*>(reinterpret_cast<char*>(node + 1) + size_t{tree->slotSize} * index);
 }
@@ -267,8 +271,6 @@ void _flushNode(TreeHeader* tree, NodeTable* table, const NodeHead* node);
 void _writePage(TreeHeader* tree, NodeTable* table, uint32_t nodeNumber, const void* image);
 /// Reads node nodeNumber's image into buffer; bytes beyond the file end read as 0.
 void _fetchNode(TreeHeader* tree, NodeTable* table, uint32_t nodeNumber, void* buffer);
-/// allocFn, ending the run when it returns null.
-void* _treeAlloc(TreeHeader* tree, uint32_t size);
 /// The path a table's page file was created at (for messages).
 const char* _pageFileName(const TreeHeader* tree, const NodeTable* table);
 
@@ -308,7 +310,7 @@ TreeNode* _splitNode(TreeHeader* tree, TreeNode* node);
 
 /// Slot of the smallest key, or null (also for a null tree); sets the cursor.
 KeySlot* TreeLowKey(TreeHeader* tree);
-/// Slot of the greatest key, or null; sets the cursor. tree must not be null.
+/// Slot of the greatest key, or null (also for a null tree); sets the cursor.
 KeySlot* TreeHighKey(TreeHeader* tree);
 /// Slot of the key after the cursor, or null at the end (cursor reset).
 /// After a failed search it is the key after the first greater one.
@@ -335,5 +337,5 @@ int64_t TreeSave(TreeHeader* tree, int fd);
 TreeHeader* TreeLoad(int fd, int64_t offset, const char* treeFileName, const char* keyFileName,
                      TreeAllocFn allocFn, TreeFreeFn freeFn, TreeCompareFn compareFn);
 /// Turns a loaded table of saved node numbers back into cached buffers and
-/// relinks their recency list.
+/// relinks their recency list; a list that does not come out whole is fatal.
 void FixNodeTable(TreeHeader* tree, NodeTable* table);
