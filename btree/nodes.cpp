@@ -1,0 +1,239 @@
+// The node caches: node-number-sorted tables with a recency list, paging
+// against the page files, new nodes and key-slot addressing.
+
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "btree/btree.h"
+#include "log/log.h"
+
+const char* _pageFileName(const TreeHeader* tree, const NodeTable* table) {
+    return table == &tree->keyNodes && tree->keyFileName ? tree->keyFileName : tree->treeFileName;
+}
+
+// Offsets are 64-bit: a page file may grow past 2 GiB.
+static off_t PageOffset(const NodeTable* table, uint32_t nodeNumber) {
+    return static_cast<off_t>(uint64_t{nodeNumber} * table->nodeSize);
+}
+
+void _writePage(TreeHeader* tree, NodeTable* table, uint32_t nodeNumber, const void* image) {
+    auto* bytes = static_cast<const char*>(image);
+    size_t left = table->nodeSize;
+    off_t offset = PageOffset(table, nodeNumber);
+    while (left > 0) {
+        ssize_t put = pwrite(*table->fdPtr, bytes, left, offset);
+        if (put < 0) {
+            if (errno == EINTR) continue;
+            PosixErrExit(0, "Unable to write B-tree page file '%s'\n", _pageFileName(tree, table));
+        }
+        bytes += put;
+        left -= static_cast<size_t>(put);
+        offset += put;
+    }
+}
+
+void _flushNode(TreeHeader* tree, NodeTable* table, const NodeHead* node) {
+    _writePage(tree, table, node->nodeNumber, node);
+}
+
+void _fetchNode(TreeHeader* tree, NodeTable* table, uint32_t nodeNumber, void* buffer) {
+    auto* bytes = static_cast<char*>(buffer);
+    size_t left = table->nodeSize;
+    off_t offset = PageOffset(table, nodeNumber);
+    while (left > 0) {
+        ssize_t got = pread(*table->fdPtr, bytes, left, offset);
+        if (got < 0) {
+            if (errno == EINTR) continue;
+            PosixErrExit(0, "Unable to read B-tree page file '%s'\n", _pageFileName(tree, table));
+        }
+        if (got == 0) {  // never written: the page reads as zeros
+            memset(bytes, 0, left);
+            return;
+        }
+        bytes += got;
+        left -= static_cast<size_t>(got);
+        offset += got;
+    }
+}
+
+// Index of the element holding nodeNumber, or of the first greater one
+// (count when all are smaller).
+// WARNING: per-entry hot path (every key comparison addresses a key node);
+// benchmark any change with bench/btree_bench.
+static inline uint32_t TablePlace(const uint32_t* numbers, const NodeTable* table, uint32_t nodeNumber) {
+    int32_t count = static_cast<int32_t>(table->count);
+    if (count == 0 || nodeNumber > numbers[count - 1]) return static_cast<uint32_t>(count);
+    int32_t lo = -1, hi = count - 1;
+    while (hi - lo > 1) {
+        int32_t mid = hi - ((hi - lo) >> 1);
+        uint32_t number = numbers[mid];
+        if (number == nodeNumber) return static_cast<uint32_t>(mid);
+        if (number < nodeNumber) {
+            lo = mid;
+        } else {
+            hi = mid;
+        }
+    }
+    return static_cast<uint32_t>(hi);
+}
+
+NodeHead** _findNode(TreeHeader* tree, NodeTable* table, uint32_t nodeNumber) {
+    return table->nodes + TablePlace(_tableNumbers(tree, table), table, nodeNumber);
+}
+
+void _shiftMemoryTable(TreeHeader* tree, NodeTable* table, uint32_t from, uint32_t to) {
+    uint32_t* numbers = _tableNumbers(tree, table);
+    memmove(table->nodes + to, table->nodes + from, (table->count - from) * sizeof(NodeHead*));
+    memmove(numbers + to, numbers + from, (table->count - from) * sizeof(uint32_t));
+    if (to > from) {
+        table->count++;
+    } else {
+        table->count--;
+    }
+}
+
+static void Unlink(NodeTable* table, NodeHead* node) {
+    if (node->olderNode) {
+        node->olderNode->newerNode = node->newerNode;
+    } else {
+        table->oldestNode = node->newerNode;
+    }
+    if (node->newerNode) {
+        node->newerNode->olderNode = node->olderNode;
+    } else {
+        table->newestNode = node->olderNode;
+    }
+}
+
+static void AppendNewest(NodeTable* table, NodeHead* node) {
+    node->newerNode = nullptr;
+    node->olderNode = table->newestNode;
+    if (table->newestNode) {
+        table->newestNode->newerNode = node;
+    } else {
+        table->oldestNode = node;
+    }
+    table->newestNode = node;
+}
+
+// Takes the least recently used node out of the list, writes it back and
+// returns its buffer; *placeOut is its element in the array (still there).
+static NodeHead* Evict(TreeHeader* tree, NodeTable* table, uint32_t* placeOut) {
+    NodeHead* victim = table->oldestNode;
+    Unlink(table, victim);
+    *placeOut = TablePlace(_tableNumbers(tree, table), table, victim->nodeNumber);
+    _flushNode(tree, table, victim);
+    return victim;
+}
+
+// The miss path of _nodeAddr: place is where nodeNumber belongs in the array.
+static NodeHead* PageIn(TreeHeader* tree, NodeTable* table, uint32_t nodeNumber, uint32_t place) {
+    NodeHead** nodes = table->nodes;
+    uint32_t* numbers = _tableNumbers(tree, table);
+    NodeHead* buffer;
+    if (table->count < table->capacity) {
+        // Only reachable before the cache has filled (a loaded tree whose
+        // node was not cached when saved): take a fresh buffer.
+        buffer = static_cast<NodeHead*>(_treeAlloc(tree, table->nodeSize));
+        _shiftMemoryTable(tree, table, place, place + 1);
+        nodes[place] = buffer;
+        numbers[place] = nodeNumber;
+    } else {
+        uint32_t victimPlace;
+        buffer = Evict(tree, table, &victimPlace);
+        // One block move closes the victim's element and opens the new one.
+        uint32_t target = place > victimPlace ? place - 1 : place;
+        if (target < victimPlace) {
+            memmove(nodes + target + 1, nodes + target, (victimPlace - target) * sizeof(NodeHead*));
+            memmove(numbers + target + 1, numbers + target, (victimPlace - target) * sizeof(uint32_t));
+        } else if (target > victimPlace) {
+            memmove(nodes + victimPlace, nodes + victimPlace + 1, (target - victimPlace) * sizeof(NodeHead*));
+            memmove(numbers + victimPlace, numbers + victimPlace + 1, (target - victimPlace) * sizeof(uint32_t));
+        }
+        nodes[target] = buffer;
+        numbers[target] = nodeNumber;
+    }
+    _fetchNode(tree, table, nodeNumber, buffer);
+    buffer->nodeNumber = nodeNumber;  // keeps the array sorted even for a page never written
+    AppendNewest(table, buffer);
+    return buffer;
+}
+
+// WARNING: per-entry hot path: the scanner's searches page a key node for every
+// comparison. Hits check the newest node, then the last element, then search;
+// benchmark any change with bench/btree_bench.
+NodeHead* _nodeAddr(TreeHeader* tree, NodeTable* table, uint32_t nodeNumber) {
+    NodeHead* newest = table->newestNode;
+    if (newest && newest->nodeNumber == nodeNumber) return newest;
+    uint32_t* numbers = _tableNumbers(tree, table);
+    uint32_t place = TablePlace(numbers, table, nodeNumber);
+    if (place < table->count && numbers[place] == nodeNumber) {
+        NodeHead* node = table->nodes[place];
+        // Not the newest (checked above), so it has a newer neighbour.
+        node->newerNode->olderNode = node->olderNode;
+        if (node->olderNode) {
+            node->olderNode->newerNode = node->newerNode;
+        } else {
+            table->oldestNode = node->newerNode;
+        }
+        node->olderNode = newest;
+        node->newerNode = nullptr;
+        newest->newerNode = node;
+        table->newestNode = node;
+        return node;
+    }
+    return PageIn(tree, table, nodeNumber, place);
+}
+
+NodeHead* _getNewNode(TreeHeader* tree, NodeTable* table) {
+    NodeHead* node;
+    if (table->count == table->capacity) {
+        uint32_t victimPlace;
+        node = Evict(tree, table, &victimPlace);
+        _shiftMemoryTable(tree, table, victimPlace + 1, victimPlace);
+    } else {
+        node = static_cast<NodeHead*>(_treeAlloc(tree, table->nodeSize));
+    }
+    memset(node, 0, table->nodeSize);
+    uint32_t* counter = table->nextNodePtr;
+    if (*counter == 0) ErrExit("B-tree page file '%s' is full\n", _pageFileName(tree, table));
+    node->nodeNumber = (*counter)++;  // numbers only grow, so appending keeps the array sorted
+    AppendNewest(table, node);
+    _tableNumbers(tree, table)[table->count] = node->nodeNumber;
+    table->nodes[table->count++] = node;
+    return node;
+}
+
+TreeNode* _getNewTreeNode(TreeHeader* tree) {
+    auto* node = reinterpret_cast<TreeNode*>(_getNewNode(tree, &tree->treeNodes));
+    node->capacity = tree->order;
+    return node;
+}
+
+KeyNode* _getNewKeyNode(TreeHeader* tree) {
+    auto* node = reinterpret_cast<KeyNode*>(_getNewNode(tree, &tree->keyNodes));
+    uint32_t number = node->head.nodeNumber;
+    for (uint32_t i = 0; i < tree->keysPerNode; i++) {
+        KeySlot* slot = _slotAt(tree, node, i);
+        slot->slotLink[0] = number;
+        slot->slotLink[1] = i + 1;
+    }
+    KeySlot* last = _slotAt(tree, node, tree->keysPerNode - 1);
+    last->slotLink[0] = tree->freeSlotNode;
+    last->slotLink[1] = tree->freeSlotIndex;
+    tree->freeSlotNode = number;
+    tree->freeSlotIndex = 0;
+    return node;
+}
+
+// WARNING: per-entry hot path (one call per key comparison).
+KeySlot* _keyAddr(TreeHeader* tree, const NodeEntry* entry) {
+    KeySlot* slot = _slotAt(tree, _keyNodeAddr(tree, entry->keyNode), entry->keySlot);
+    if (tree->dataLength > 0) {
+        void* data = TreeSlotKey(slot) + tree->keyLength;
+        memcpy(slot->slotLink, &data, sizeof data);
+    }
+    return slot;
+}

@@ -1,0 +1,164 @@
+// Node caches and page files: cache sizes, least-recently-used replacement,
+// 64-bit page offsets, exclusive creation, and fatal page-file failures.
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <vector>
+
+#include "tests/btree/treefixture.h"
+
+namespace {
+
+int OpenDescriptors() { return EntriesIn("/proc/self/fd"); }
+
+std::vector<uint32_t> CachedNumbers(const NodeTable& table) {
+    std::vector<uint32_t> numbers;
+    for (uint32_t i = 0; i < table.count; i++) numbers.push_back(table.nodes[i]->nodeNumber);
+    return numbers;
+}
+
+using NodeCacheTest = TreeTest;
+
+TEST_F(NodeCacheTest, CacheSizeFromMemoryArgument) {
+    struct Case {
+        int32_t memory;
+        uint32_t treeNodes, keyNodes;  // order 512: 6192-byte tree nodes; 128 x 8-byte keys: 2584-byte key nodes
+    };
+    const Case cases[] = {
+        {-513, 513, 513},
+        {0, 50000000 / 6192, 100000000 / 2584},
+        {20000, 3, 7},
+        {100, MIN_CACHED_NODES, MIN_CACHED_NODES},  // below one node: raised to the floor
+        {-1, MIN_CACHED_NODES, MIN_CACHED_NODES},
+    };
+    for (const Case& c : cases) {
+        TreeHeader* tree = TreePlant(0, 512, c.memory, nullptr, 128, 8, 0, c.memory, nullptr, nullptr, nullptr, nullptr);
+        EXPECT_EQ(tree->treeNodes.capacity, c.treeNodes) << c.memory;
+        EXPECT_EQ(tree->keyNodes.capacity, c.keyNodes) << c.memory;
+        EXPECT_EQ(tree->treeNodes.nodeSize, 6192u);
+        EXPECT_EQ(tree->keyNodes.nodeSize, 2584u);
+        TreeFree(tree);
+    }
+}
+
+TEST_F(NodeCacheTest, LeastRecentlyUsedNodeIsWrittenBackAndReadAgain) {
+    TreeHeader* tree = PlantKeys4(4, 3, 2);
+    NodeTable* table = &tree->treeNodes;
+    uint32_t size = table->nodeSize;
+    for (int i = 0; i < 3; i++) Entries(_getNewTreeNode(tree))[0].keySlot = 100 + i;
+    EXPECT_EQ(CachedNumbers(*table), (std::vector<uint32_t>{1, 2, 3}));
+    _treeNodeAddr(tree, 1);  // touching node 1 spares it: node 2 is the oldest now
+    _getNewTreeNode(tree);
+    EXPECT_EQ(CachedNumbers(*table), (std::vector<uint32_t>{1, 3, 4}));
+    struct stat st;
+    fstat(table->fd, &st);
+    EXPECT_EQ(st.st_size, 3 * size);  // node 2 at its offset; node 0 and node 1 never written
+    std::vector<char> page(size);
+    pread(table->fd, page.data(), size, 0);
+    EXPECT_EQ(std::vector<char>(size, 0), page);
+
+    TreeNode* back = _treeNodeAddr(tree, 2);  // evicts node 3 and takes its buffer
+    EXPECT_EQ(back->head.nodeNumber, 2u);
+    EXPECT_EQ(Entries(back)[0].keySlot, 101u);
+    EXPECT_EQ(back->capacity, 4u);
+    EXPECT_EQ(CachedNumbers(*table), (std::vector<uint32_t>{1, 2, 4}));
+    EXPECT_EQ(Entries(_treeNodeAddr(tree, 3))[0].keySlot, 102u);
+    EXPECT_EQ(CachedNumbers(*table), (std::vector<uint32_t>{2, 3, 4}));
+    TreeFree(tree);
+}
+
+TEST_F(NodeCacheTest, PageOffsetsBeyondTwoGibibytes) {
+    TreeHeader* tree = TreePlant(0, 512, -2, nullptr, 128, 8, 0, -2, nullptr, nullptr, nullptr, nullptr);
+    NodeTable* table = &tree->treeNodes;
+    const uint32_t far = 400000;  // 400000 x 6192 bytes is past 2^31
+    std::vector<char> image(table->nodeSize, 'x'), back(table->nodeSize, 'y');
+    _writePage(tree, table, far, image.data());
+    struct stat st;
+    ASSERT_EQ(fstat(table->fd, &st), 0);
+    EXPECT_EQ(uint64_t(st.st_size), uint64_t{far + 1} * table->nodeSize);
+    _fetchNode(tree, table, far, back.data());
+    EXPECT_EQ(back, image);
+    _fetchNode(tree, table, far + 10, back.data());  // beyond the end of the file
+    EXPECT_EQ(back, std::vector<char>(table->nodeSize, 0));
+    _fetchNode(tree, table, far - 1, back.data());   // a hole
+    EXPECT_EQ(back, std::vector<char>(table->nodeSize, 0));
+    TreeFree(tree);
+}
+
+TEST_F(NodeCacheTest, PageFilesLeaveNothingBehind) {
+    int descriptors = OpenDescriptors();
+    TreeHeader* tree = PlantKeys4(4, 2, 2);
+    EXPECT_EQ(EntriesIn(dir.path), 0);  // names removed as soon as the files are open
+    EXPECT_EQ(OpenDescriptors(), descriptors + 2);
+    EXPECT_EQ(std::string(tree->treeFileName).rfind(dir.path + "/tpage", 0), 0u) << tree->treeFileName;
+    EXPECT_EQ(std::string(tree->keyFileName).rfind(dir.path + "/kpage", 0), 0u) << tree->keyFileName;
+    for (uint32_t k = 0; k < 200; k++) Add(tree, k * 37 % 200);
+    EXPECT_EQ(EntriesIn(dir.path), 0);
+    TreeFree(tree);
+    EXPECT_EQ(OpenDescriptors(), descriptors);
+
+    std::string named = dir / "tree.pages";
+    tree = TreePlant(0, 4, -2, named.c_str(), 3, 4, 0, -2, (dir / "key.pages").c_str(), nullptr, nullptr, nullptr);
+    EXPECT_STREQ(tree->treeFileName, named.c_str());
+    EXPECT_EQ(EntriesIn(dir.path), 0);
+    TreeFree(tree);
+    TreeFree(nullptr);
+}
+
+using NodeCacheDeathTest = NodeCacheTest;
+
+TEST_F(NodeCacheDeathTest, PageFileIsCreatedExclusivelyWithoutFollowingLinks) {
+    std::string existing = dir / "existing", link = dir / "link", target = dir / "target";
+    WriteFile(existing, "keep");
+    ASSERT_EQ(symlink(target.c_str(), link.c_str()), 0);
+    for (const std::string& name : {existing, link}) {
+        EXPECT_EXIT(TreePlant(0, 4, -2, name.c_str(), 3, 4, 0, -2, nullptr, nullptr, nullptr, nullptr),
+                    testing::ExitedWithCode(1), "Unable to create B-tree page file '" + name + "'\n  \\(p17\\) File exists");
+    }
+    EXPECT_EQ(ReadFile(existing), "keep");
+    EXPECT_FALSE(PathExists(target));
+    unlink(existing.c_str());
+    unlink(link.c_str());
+    // The key page file was made first; the failed run must not leave it behind.
+    EXPECT_EQ(EntriesIn(dir.path), 0);
+    EXPECT_EXIT(TreePlant(0, 4, -2, (dir / "no/such/dir").c_str(), 3, 4, 0, -2, nullptr, nullptr, nullptr, nullptr),
+                testing::ExitedWithCode(1), "Unable to create B-tree page file '.*/no/such/dir'\n  \\(p2\\) ");
+    EXPECT_EQ(EntriesIn(dir.path), 0);
+}
+
+TEST_F(NodeCacheDeathTest, PageFileThatCannotBeWrittenOrReadIsFatal) {
+    auto fillPastLimit = [] {
+        // The page file may not grow past 64 KiB: eviction fails to write.
+        signal(SIGXFSZ, SIG_IGN);
+        rlimit limit{65536, 65536};
+        setrlimit(RLIMIT_FSIZE, &limit);
+        TreeHeader* tree = PlantKeys4(4, 2, 2);
+        for (uint32_t k = 0; k < 100000; k++) Add(tree, k);
+    };
+    EXPECT_EXIT(fillPastLimit(), testing::ExitedWithCode(1),
+                "Unable to write B-tree page file '.*/tpage.*'\n  \\(p27\\) File too large");
+    auto readWriteOnly = [] {
+        TreeHeader* tree = PlantKeys4(4, 2, 2);
+        for (uint32_t k = 0; k < 100; k++) Add(tree, k);
+        // A descriptor that can be written but not read under the key nodes.
+        dup2(open("/dev/null", O_WRONLY), tree->keyNodes.fd);
+        for (uint32_t k = 0; k < 100; k++) Find(tree, k);
+    };
+    EXPECT_EXIT(readWriteOnly(), testing::ExitedWithCode(1),
+                "Unable to read B-tree page file '.*/kpage.*'\n  \\(p9\\) Bad file descriptor");
+    EXPECT_EXIT(TreePlant(0, 1, -2, nullptr, 3, 4, 0, -2, nullptr, nullptr, nullptr, nullptr), testing::ExitedWithCode(1),
+                "Invalid B-tree layout: order 1, 3 keys per key node, key length 4, data length 0\n");
+    EXPECT_EXIT(
+        {
+            TreeHeader* tree = PlantKeys4(4, 2, 2);
+            TreeAddKey(tree, "12345", 5, nullptr);
+        },
+        testing::ExitedWithCode(1), "B-tree key of 5 bytes is longer than the 4 bytes reserved for it\n");
+}
+
+}  // namespace

@@ -1,0 +1,65 @@
+// Shared pieces of the tree tests: a fixture whose temporary page files go to
+// a private directory that must stay empty, and big-endian integer keys, which
+// the default comparison orders numerically.
+#pragma once
+
+#include <dirent.h>
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <string>
+
+#include "btree/btree.h"
+#include "support/helpers.h"
+#include "tests/support/testutil.h"
+
+/// Names in a directory other than . and ..
+inline int EntriesIn(const std::string& path) {
+    DIR* dir = opendir(path.c_str());
+    if (!dir) return -1;
+    int n = 0;
+    while (dirent* e = readdir(dir)) n += std::string(e->d_name) != "." && std::string(e->d_name) != "..";
+    closedir(dir);
+    return n;
+}
+
+/// Temporary page files are made in dir; nothing may be left in it.
+struct TreeTest : testing::Test {
+    ScopedTempDir dir;
+    void SetUp() override { tempDir = dir.path.data(); }
+    void TearDown() override {
+        EXPECT_EQ(EntriesIn(dir.path), 0);
+        tempDir = nullptr;
+    }
+};
+
+/// A 4-byte big-endian key.
+struct Key4 {
+    unsigned char b[4];
+    explicit Key4(uint32_t v) : b{uint8_t(v >> 24), uint8_t(v >> 16), uint8_t(v >> 8), uint8_t(v)} {}
+};
+
+/// The value of a 4-byte big-endian key in a slot.
+inline uint32_t SlotValue(KeySlot* slot) {
+    const unsigned char* k = TreeSlotKey(slot);
+    return uint32_t{k[0]} << 24 | uint32_t{k[1]} << 16 | uint32_t{k[2]} << 8 | k[3];
+}
+
+/// Plants a tree of 4-byte keys with the given order and node caches.
+inline TreeHeader* PlantKeys4(uint32_t order, int32_t treeNodes, int32_t keyNodes, uint32_t keysPerNode = 3,
+                              uint32_t dataLength = 0) {
+    return TreePlant(0, order, -treeNodes, nullptr, keysPerNode, 4, dataLength, -keyNodes, nullptr, nullptr, nullptr,
+                     nullptr);
+}
+
+/// Adds the key v with no data; returns TreeAddKey's result.
+inline int Add(TreeHeader* tree, uint32_t v) {
+    Key4 k(v);
+    return TreeAddKey(tree, k.b, 4, nullptr);
+}
+
+/// TreeSearch for v.
+inline KeySlot* Find(TreeHeader* tree, uint32_t v) {
+    Key4 k(v);
+    return TreeSearch(tree, k.b, 4);
+}
