@@ -3,4 +3,5 @@ list(APPEND FERROVAN_CORE_SOURCES
   detail/dtlclose.cpp
   detail/dtlread.cpp
   detail/format.cpp
+  detail/writer.cpp
 )
