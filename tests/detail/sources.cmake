@@ -5,4 +5,5 @@ list(APPEND FERROVAN_TEST_SOURCES
   detail/dtldump_test.cpp
   detail/dtlread_test.cpp
   detail/format_test.cpp
+  detail/writer_test.cpp
 )
