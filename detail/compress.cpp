@@ -15,9 +15,13 @@ static unsigned char s_inbuf[COMPRESS_BUFFER_SIZE];
 static unsigned char s_outbuf[COMPRESS_BUFFER_SIZE];
 static z_stream g_deflator;
 
+// False while a caller that reports failures itself inflates.
+static bool sayFailures = true;
+
 // Prints one line on standard output without disturbing errno, which the
 // callers report afterwards.
 static void Say(const char* text) {
+    if (!sayFailures) return;
     int saved = errno;
     printf("%s\n", text);
     fflush(stdout);
@@ -25,6 +29,7 @@ static void Say(const char* text) {
 }
 
 static void SayStatus(const char* format, int status) {
+    if (!sayFailures) return;
     int saved = errno;
     printf(format, status);
     fflush(stdout);
@@ -219,14 +224,19 @@ static bool InputSize(int fd, uint64_t* size) {
     return true;
 }
 
-int InflateFd(int inFd, int outFd) {
+int InflateFd(int inFd, int outFd, bool quiet) {
+    sayFailures = !quiet;
     uint64_t size;
-    if (!InputSize(inFd, &size)) return 1;
-    if (lseek(inFd, 0, SEEK_SET) != 0) {
+    int result = 1;
+    if (!InputSize(inFd, &size)) {
+        // InputSize has said why.
+    } else if (lseek(inFd, 0, SEEK_SET) != 0) {
         Say("Failed reading from input file!");
-        return 1;
+    } else {
+        result = Inflate(inFd, size, outFd);
     }
-    return Inflate(inFd, size, outFd);
+    sayFailures = true;
+    return result;
 }
 
 int doCompression(const char* mode, const char* inPath, const char* outPath) {

@@ -52,5 +52,5 @@ int decompressFile(const char* in, const char* out);
 /// Inflates the compressed file open on inFd (read from its start) and
 /// appends the plain bytes to outFd, checking header, trailer and length
 /// exactly as decompressFile does. Returns 0, or 1 after printing the failure
-/// (errno tells why). Neither descriptor is closed.
-int InflateFd(int inFd, int outFd);
+/// (unless quiet; errno tells why). Neither descriptor is closed.
+int InflateFd(int inFd, int outFd, bool quiet = false);

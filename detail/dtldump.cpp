@@ -167,6 +167,7 @@ void PrintHeadersText(const DtlReader& r) {
     if (gmtime_r(&t, &tm)) strftime(when, sizeof when, " (%Y-%m-%d %H:%M:%S UTC)", &tm);
     out += "Detail file ";
     AddQuoted(r.path);
+    if (r.wasCompressed) out += " (compressed)";
     Add("\nLog header\n"
         "  magic                FDTL\n"
         "  formatVersion        %u\n"
@@ -231,6 +232,7 @@ void PrintHeadersJson(const DtlReader& r) {
     const DtlStrings& s = r.strings;
     out += "{\n  ";
     AddJsonMember("file", r.path);
+    Add(", \"compressed\": %s", r.wasCompressed ? "true" : "false");
     Add(",\n  \"logHeader\": {\"magic\": \"FDTL\", \"formatVersion\": %u, \"runTime\": %u, \"tagOffset\": %u, "
         "\"nodeNameOffset\": %u, \"hardLinkTableOffset\": %llu, \"completionFlags\": %u},\n",
         l.formatVersion, l.runTime, l.tagOffset, l.nodeNameOffset, U(l.hardLinkTableOffset), l.completionFlags);

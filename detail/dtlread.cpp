@@ -9,6 +9,7 @@
 #include <cstdarg>
 #include <cstring>
 
+#include "detail/compress.h"
 #include "support/byteorder.h"
 
 namespace {
@@ -339,6 +340,28 @@ static bool ReadHeaderStrings(DtlReader* r) {
     return true;
 }
 
+// Replaces the compressed file's descriptor by one on its decompressed bytes.
+static bool OpenPlainCopy(DtlReader* r) {
+    FILE* copy = tmpfile();
+    int plain = copy ? dup(fileno(copy)) : -1;
+    if (copy) fclose(copy);  // the copy has no name; the duplicate keeps it alive
+    if (plain < 0) return Fail(r, 0, "compressed detail file: no temporary file to decompress into: %s", strerror(errno));
+    if (InflateFd(r->fd, plain, true) != 0) {
+        int saved = errno;
+        close(plain);
+        return Fail(r, 0, "compressed detail file cannot be decompressed: %s", strerror(saved));
+    }
+    close(r->fd);
+    r->fd = plain;
+    r->wasCompressed = true;
+    if (lseek(plain, 0, SEEK_SET) != 0) return Fail(r, 0, "cannot read the decompressed copy: %s", strerror(errno));
+    DtlWalkState& s = *r->state;
+    s.len = s.at = 0;
+    s.bufStart = 0;
+    s.eof = false;
+    return true;
+}
+
 bool DtlOpen(DtlReader* r, const char* path) {
     WhichEnd();
     r->path = path;
@@ -350,8 +373,15 @@ bool DtlOpen(DtlReader* r, const char* path) {
     size_t got = Need(r, DTL_STRINGS_POS);
     if (r->failed) return false;
     const uint8_t* p = Here(s);
-    // A compressed file is one zlib stream: 0x78 0x01 first.
-    if (got >= 2 && p[0] == 0x78 && p[1] == 0x01) return Fail(r, 0, "compressed detail file: not supported yet");
+    // A compressed file is one zlib stream: 0x78 0x01 first. It is read
+    // through an anonymous temporary copy of its plain bytes, made by the
+    // program's own decompression, so the file itself is never changed.
+    if (got >= 2 && p[0] == 0x78 && p[1] == 0x01) {
+        if (!OpenPlainCopy(r)) return false;
+        got = Need(r, DTL_STRINGS_POS);
+        if (r->failed) return false;
+        p = Here(s);
+    }
     if (got < 4) return Fail(r, 0, "file ends inside the log header (%zu of 88 bytes): not a detail file", got);
     r->log.magic = Get32(p);
     if (r->log.magic == DTL_MAGIC_UNFINISHED)

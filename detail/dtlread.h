@@ -93,12 +93,13 @@ struct DtlReader {
     DtlTotals totals;          ///< what the records read so far add up to
     DtlFault fault;            ///< the first fault
     bool failed = false;       ///< a fault was found; every later step returns DTL_STEP_FAULT
+    bool wasCompressed = false;  ///< the file is compressed and is read through a decompressed copy
     DtlWalkState* state = nullptr;  ///< buffer, directory stack and hard-link expectations
 };
 
 /// Opens a detail file and reads and checks everything in front of the
 /// records. False with reader->fault filled on any fault, among them a file
-/// that cannot be opened, a compressed file (not supported yet) and an
+/// that cannot be opened, and an
 /// unfinished file ("IDTL"). DtlClose must follow in every case.
 bool DtlOpen(DtlReader* reader, const char* path);
 

@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "detail/compress.h"
 #include "tests/detail/dtlbuilder.h"
 #include "tests/support/testutil.h"
 
@@ -127,7 +128,7 @@ TEST(DtldumpTest, NamesTheFirstFaultAndExitsWithStatusOne) {
              return b;
          }(),
          "offset 862: directory \"/a\": its header record counts 3 files, but 2 file records follow it\n"},
-        {"compressed", std::string("\x78\x01\x02\x03", 4), "offset 0: compressed detail file: not supported yet\n"},
+        {"compressed", std::string("\x78\x01\x02\x03", 4), "offset 0: compressed detail file cannot be decompressed: Bad message\n"},
         {"unfinished", "IDTL" + sample.bytes.substr(4),
          "offset 0: unfinished detail file: magic \"IDTL\" (the scan that wrote it did not complete)\n"},
     };
@@ -178,3 +179,30 @@ TEST(DtldumpTest, RefusesABadCommandLine) {
 }
 
 }  // namespace
+
+TEST(Dtldump, ReadsACompressedFileWithoutChangingIt) {
+    ScopedTempDir dir;
+    std::string plain = dir / "plain.dtl", packed = dir / "packed.dtl";
+    WriteFile(plain, BuildDetail(SampleScan()).bytes);
+    ASSERT_EQ(compressFile(plain.c_str(), packed.c_str()), 0);
+    const std::string packedBytes = ReadFile(packed);
+    ASSERT_EQ(packedBytes.substr(0, 2), std::string("\x78\x01", 2));
+    for (bool json : {false, true}) {
+        auto args = [&](const std::string& path) {
+            return json ? std::vector<std::string>{"--json", path} : std::vector<std::string>{path};
+        };
+        RunResult a = RunProgram(DtldumpPath(), args(plain));
+        RunResult b = RunProgram(DtldumpPath(), args(packed));
+        ASSERT_EQ(b.status, 0) << b.err;
+        // The two dumps differ only in the file's name and its compressed mark.
+        std::string expected = a.out;
+        if (json) {
+            expected.replace(expected.find("\"compressed\": false"), 19, "\"compressed\": true");
+        } else {
+            expected.insert(expected.find('\n'), " (compressed)");
+        }
+        for (size_t at; (at = expected.find(plain)) != std::string::npos;) expected.replace(at, plain.size(), packed);
+        EXPECT_EQ(b.out, expected);
+    }
+    EXPECT_EQ(ReadFile(packed), packedBytes);
+}

@@ -139,7 +139,7 @@ TEST(DtlReadTest, NamesTheFirstFault) {
         {"unfinished", nullptr, [](std::string& b, const FakeFile&) { b[0] = 'I'; }, "unfinished detail file",
          At(0)},
         {"compressed", nullptr, [](std::string& b, const FakeFile&) { b.replace(0, 2, "\x78\x01"); },
-         "compressed detail file: not supported yet", At(0)},
+         "compressed detail file cannot be decompressed: Bad message", At(0)},
         {"format version", nullptr, [](std::string& b, const FakeFile&) { Put32At(b, 4, 521); }, "formatVersion",
          At(4)},
         {"reserved log byte", nullptr, [](std::string& b, const FakeFile&) { b[30] = 1; }, "reserved bytes 20-39",
