@@ -108,6 +108,7 @@ static DirTally ReadDirectory(int fd, const char* accessPath, const char* logica
             DispatchFile(RECORD_ENTRY, logicalPath, &block, root);
         }
     }
+    dispatchDirFd = AT_FDCWD;
     return tally;
 }
 
