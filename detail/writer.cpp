@@ -171,7 +171,10 @@ static void DirectoryStart(const FileRecord* record) {
     dirPathStack[++dirPathStackPtr] = static_cast<uint64_t>(DtlPosition());
     uint32_t nameLength = ChrUtfLen(record->dirPath->text);
     unsigned char* out = Reserve(sizeof(DtlRecordFixed) + static_cast<uint16_t>(nameLength));
-    EncodeDirHeaderFixed(reinterpret_cast<DtlRecordFixed*>(out), static_cast<uint16_t>(nameLength));
+    // Records sit at any byte offset: the fixed part is built aligned and copied.
+    DtlRecordFixed fixed;
+    EncodeDirHeaderFixed(&fixed, static_cast<uint16_t>(nameLength));
+    memcpy(out, &fixed, sizeof fixed);
     memcpy(out + sizeof(DtlRecordFixed), record->dirPath->text, static_cast<uint16_t>(nameLength));
 }
 
@@ -231,7 +234,9 @@ static void Entry(const FileRecord* record) {
         targetLength = static_cast<uint16_t>(ChrUtfLen(record->linkTarget->text));
     }
     unsigned char* out = Reserve(sizeof(DtlRecordFixed) + nameLength + targetLength);
-    EncodeEntryFixed(reinterpret_cast<DtlRecordFixed*>(out), record->entryFlags, st, nameLength, targetLength);
+    DtlRecordFixed fixed;
+    EncodeEntryFixed(&fixed, record->entryFlags, st, nameLength, targetLength);
+    memcpy(out, &fixed, sizeof fixed);
     out += sizeof(DtlRecordFixed);
     // Names are stored as the file system gives their bytes; a length cut to
     // 16 bits still ends the stored text with a zero byte.

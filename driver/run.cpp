@@ -9,11 +9,15 @@
 #include <ctime>
 
 #include "config/configfile.h"
+#include "btree/btree.h"
 #include "config/roots.h"
 #include "detail/dtlclose.h"
+#include "detail/writer.h"
 #include "driver/globals.h"
 #include "driver/options.h"
 #include "log/log.h"
+#include "scan/idtable.h"
+#include "scan/walk.h"
 #include "support/byteorder.h"
 #include "support/memory.h"
 
@@ -97,6 +101,7 @@ int RunFerrovan(int argc, char** argv) {
     if (stat(dtlName, &st) == 0 && !force) CheckExistingDtlFile(dtlName);
     dtlFile = fopen(dtlName, "w+b");
     if (!dtlFile) PosixErrExit(0, "Unable to create audit detail file '%s'\n", dtlName);
+    dtlFileName = dtlName;
 
     MakeTag(cmdOpts[CMD_TAG].optArg);
 
@@ -109,12 +114,25 @@ int RunFerrovan(int argc, char** argv) {
     TakeCommandLineRoot(argc, argv);
     ValidateRootList();
     LogEntry("Run on: %s, Timestamp: %s\n\n", srvrName, startText);
+    WriteLogHeaders();
+
+    // Owner ids (keys are addresses of IdRecords) and hard-linked inodes
+    // (4-byte inode keys with 16 bytes of chain data), in temporary page files.
+    idTree = TreePlant(0, 512, -513, nullptr, 128, 8, 0, 50000000, nullptr, nullptr, nullptr, IdKeyCmp);
+    hlinkTree = TreePlant(0, 512, -513, nullptr, 512, 4, 16, 10000000, nullptr, nullptr, nullptr, nullptr);
+    hlinkFile = tmpfile();
+    if (!hlinkFile) PosixErrExit(0, "Unable to create hard link temp file\n");
+    for (AuditRoot* root = rootList; root; root = root->next) ProcessRoot(root);
 
     time_t end = time(nullptr);
     struct tm* endTm = localtime(&end);
     LogEntry("\nEnd time: %02d:%02d:%02d\n", endTm->tm_hour, endTm->tm_min, endTm->tm_sec);
     char elapsed[48];
     LogEntry("%s", FormatElapsed(static_cast<long long>(end - timeStamp), elapsed));
+
+    TreeFree(idTree);
+    TreeFree(hlinkTree);
+    idTree = hlinkTree = nullptr;
 
     CloseDtlFile(dtlFile, dtlName, zipFlag);
     return 0;

@@ -48,12 +48,18 @@ static_assert(offsetof(FileRecord, name) - offsetof(FileRecord, statData) == off
 inline int64_t& DirEndFileCount(struct stat& st) { return reinterpret_cast<int64_t&>(st.st_atim.tv_sec); }
 inline int64_t& DirEndSubdirCount(struct stat& st) { return reinterpret_cast<int64_t&>(st.st_mtim.tv_sec); }
 
+/// Longest symbolic-link target kept; the detail file stores the target and
+/// its zero byte under a 16-bit length.
+constexpr size_t LINK_TARGET_MAX = 65534;
+
 extern FileRecord* logBlk;  ///< the run's file record; created by the first DispatchFile
+extern int dispatchDirFd;   ///< the open directory whose entries are dispatched; names are relative to it
 
 /// Fills logBlk for one walker event and hands it to LogDetailData; returns
 /// what that returns. statBlock may be null (kinds 2 and 3 without counts).
 int DispatchFile(uint32_t kind, const char* logicalPath, const StatBlock* statBlock, AuditRoot* root);
 /// Completes an entry record: the multiple-links and symbolic-link flags, the
-/// owner and group in the id table, the link target. Returns the type bits of
-/// st_mode (0xA000 for a symbolic link).
+/// owner and group in the id table, the link target (read relative to
+/// dispatchDirFd, cut at the lstat size; empty when it cannot be read).
+/// Returns the type bits of st_mode (0xA000 for a symbolic link).
 uint32_t ProcessFile(FileRecord* record);

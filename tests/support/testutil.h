@@ -34,9 +34,11 @@ struct RunResult {
 
 /// How to run a program.
 struct RunOptions {
-    std::string cwd;            ///< working directory ("" = the current one)
-    std::string input;          ///< bytes fed to standard input
+    std::string cwd = "";       ///< working directory ("" = the current one)
+    std::string input = "";     ///< bytes fed to standard input
     bool unprivileged = false;  ///< run as user and group 65534 with no supplementary groups
+    uint64_t fileSizeLimit = 0; ///< when not 0: the largest file the program may write (RLIMIT_FSIZE),
+                                ///< with SIGXFSZ ignored so that a write past it fails with EFBIG
 };
 
 /// Runs program with args (argv[0] is the program path) and captures its output.

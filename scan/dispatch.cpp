@@ -1,0 +1,65 @@
+#include "scan/dispatch.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cstring>
+
+#include "detail/writer.h"
+#include "scan/idtable.h"
+
+FileRecord* logBlk = nullptr;
+int dispatchDirFd = AT_FDCWD;
+
+// One buffer for every link target of the run: lstat sizes beyond it are cut.
+static char linkBuffer[LINK_TARGET_MAX + 1];
+
+// WARNING: this function is performance-critical (once per entry); please
+// benchmark any changes you make to it.
+uint32_t ProcessFile(FileRecord* record) {
+    const struct stat& st = record->statData;
+    uint32_t type = st.st_mode & S_IFMT;
+    if (st.st_nlink >= 2) record->entryFlags |= FLAG_MULTI_LINK;
+    CheckIdTree(st.st_uid, 1);
+    CheckIdTree(st.st_gid, 2);
+    if (type == S_IFLNK) {
+        record->entryFlags |= FLAG_SYMLINK;
+        size_t size = st.st_size > 0 ? static_cast<size_t>(st.st_size) : 0;
+        if (size > LINK_TARGET_MAX) size = LINK_TARGET_MAX;
+        ssize_t got = readlinkat(dispatchDirFd, record->name, linkBuffer, size);
+        // The target ends where lstat said it does; bytes a shorter answer
+        // left unfilled are zeros, never an earlier link's target.
+        if (got < 0) got = 0;
+        memset(linkBuffer + got, 0, size + 1 - static_cast<size_t>(got));
+        StringObjectSet(record->linkTarget, linkBuffer);
+    }
+    return type;
+}
+
+// WARNING: this function is performance-critical (once per entry and twice
+// per directory); please benchmark any changes you make to it.
+int DispatchFile(uint32_t kind, const char* logicalPath, const StatBlock* statBlock, AuditRoot* root) {
+    if (!logBlk) {
+        logBlk = static_cast<FileRecord*>(GetMem(sizeof(FileRecord), "file record"));
+        logBlk->dirPath = NewStringObject("init", 1024);
+        logBlk->linkTarget = NewStringObject("init", 1024);
+    }
+    FileRecord* record = logBlk;
+    record->recordKind = kind;
+    record->entryFlags = 0;
+    record->root = root;
+    StringObjectSet(record->dirPath, logicalPath);
+    if (kind != RECORD_ENTRY) memset(record->name, 0, sizeof record->name);
+    if (statBlock) {
+        record->statData = statBlock->statData;
+        // Only the name's own bytes: the rest of the field is never read.
+        size_t length = strnlen(statBlock->name, ENTRY_NAME_SIZE - 1);
+        memcpy(record->name, statBlock->name, length);
+        record->name[length] = '\0';
+    } else {
+        memset(&record->statData, 0, sizeof record->statData);
+        record->name[0] = '\0';
+    }
+    if (kind == RECORD_ENTRY) ProcessFile(record);
+    return LogDetailData(record);
+}

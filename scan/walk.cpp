@@ -1,0 +1,185 @@
+#include "scan/walk.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "config/roots.h"
+#include "config/templates.h"
+#include "detail/writer.h"
+#include "driver/globals.h"
+#include "log/log.h"
+#include "scan/accesspath.h"
+#include "scan/dispatch.h"
+#include "scan/totals.h"
+#include "support/memory.h"
+
+// Directory entries are read in large batches into one buffer for the whole
+// run: a directory is read completely before any subdirectory is opened.
+constexpr size_t DIRENT_BUFFER_SIZE = 256 * 1024;
+static char* direntBuffer = nullptr;
+
+// The access path of the directory being read, rebuilt for each directory
+// (its parent no longer needs its own once it has been read).
+static void* dirPathsMem = nullptr;
+static size_t dirPathsSize = 0;
+
+// What one directory's listing adds up to.
+struct DirTally {
+    uint32_t entries;  ///< names other than "." and ".."
+    uint32_t files;    ///< non-directory entries the file templates selected
+    uint32_t subdirs;  ///< subdirectory entries examined
+    int64_t bytes;     ///< sizes of the selected files
+};
+
+// The directory's access path: the root path joined with the logical path,
+// as the messages name it.
+static const char* DirAccessPath(const char* rootPath, const char* logicalPath) {
+    // Reserved in whole 16-byte units, as BuildAccessPaths expects.
+    size_t need = (static_cast<size_t>(AccessStructLength(nullptr, rootPath, logicalPath, nullptr)) + 15) & ~size_t{15};
+    if (need > dirPathsSize) {
+        free(dirPathsMem);
+        dirPathsMem = GetMem(need, "access path");
+        dirPathsSize = need;
+    }
+    return BuildAccessPaths(nullptr, rootPath, logicalPath, nullptr, dirPathsMem)->accessPath;
+}
+
+static bool IsDotOrDotDot(const char* name) {
+    return name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0'));
+}
+
+// Reads the open directory fd to its end and records every entry as it is
+// read; subdirectories are appended to *subdirs from chain, to be walked later.
+// WARNING: this function is performance-critical (its loop runs once per
+// entry); please benchmark any changes you make to it.
+static DirTally ReadDirectory(int fd, const char* accessPath, const char* logicalPath, AuditRoot* root,
+                              TempBlock** chain, SubdirNode** subdirs) {
+    DirTally tally{};
+    StatBlock block;
+    size_t accessLength = strlen(accessPath);
+    SubdirNode** tail = subdirs;
+    if (!direntBuffer) direntBuffer = static_cast<char*>(GetMem(DIRENT_BUFFER_SIZE, "directory buffer"));
+    dispatchDirFd = fd;
+    for (;;) {
+        ssize_t got = getdents64(fd, direntBuffer, DIRENT_BUFFER_SIZE);
+        if (got == 0) break;
+        if (got < 0) {
+            LogPosixErr(0, "Unable to read directory '%s'\n", accessPath);
+            break;
+        }
+        for (ssize_t at = 0; at < got;) {
+            const auto* entry = reinterpret_cast<const struct dirent64*>(direntBuffer + at);
+            at += entry->d_reclen;
+            const char* name = entry->d_name;
+            if (IsDotOrDotDot(name)) continue;
+            tally.entries++;
+            size_t nameLength = strlen(name);
+            // "%s/%s" of the two and its terminator must fit an access-path buffer.
+            if (accessLength + 1 + nameLength + 1 > ACCESS_PATH_SIZE)
+                ErrExit("Access path longer than %zu bytes: '%s/%s'\n", ACCESS_PATH_SIZE - 1, accessPath, name);
+            if (nameLength >= ENTRY_NAME_SIZE)
+                ErrExit("Name longer than %zu bytes: '%s/%s'\n", ENTRY_NAME_SIZE - 1, accessPath, name);
+            memcpy(block.name, name, nameLength + 1);
+            if (fstatat(fd, name, &block.statData, AT_SYMLINK_NOFOLLOW) != 0) {
+                LogPosixErr(0, "Could not stat() '%s/%s'\n", accessPath, name);
+                continue;
+            }
+            if (S_ISDIR(block.statData.st_mode)) {
+                // Directories are recorded whether or not the templates will select them.
+                auto* node = static_cast<SubdirNode*>(TempAlloc(nameLength + 25, chain));
+                node->next = nullptr;
+                node->nameLen = static_cast<uint32_t>(nameLength);
+                node->name = reinterpret_cast<char*>(node + 1);
+                memcpy(node->name, name, nameLength + 1);
+                *tail = node;
+                tail = &node->next;
+                tally.subdirs++;
+            } else {
+                if (!IsFileSelected(name, root)) continue;
+                root->fileCount++;
+                tally.files++;
+                tally.bytes += block.statData.st_size;
+            }
+            DispatchFile(RECORD_ENTRY, logicalPath, &block, root);
+        }
+    }
+    dispatchDirFd = AT_FDCWD;
+    return tally;
+}
+
+// The directory-end record: the directory's direct counts in its stat fields.
+static void DispatchDirEnd(const char* logicalPath, const DirTally& tally) {
+    StatBlock block;
+    memset(&block, 0, sizeof block);
+    block.statData.st_size = tally.bytes;
+    DirEndFileCount(block.statData) = tally.files;
+    DirEndSubdirCount(block.statData) = tally.subdirs;
+    DispatchFile(RECORD_DIR_END, logicalPath, &block, nullptr);
+}
+
+int ProcessDirectory(const char* logicalPath, AuditRoot* root, int parentFd, const char* name, int level) {
+    root->dirCount++;
+    if (showProgress) LogEntry("%s\n", logicalPath);
+    const char* accessPath = DirAccessPath(root->path, logicalPath);
+    if (level > MAX_DIR_LEVEL) {
+        LogErr("Directory '%s' is nested deeper than %d levels and was not entered\n", accessPath, MAX_DIR_LEVEL);
+        return 0;
+    }
+    // Below the root a directory replaced by a link fails to open instead of
+    // leading the walk elsewhere.
+    int flags = O_RDONLY | O_DIRECTORY | O_CLOEXEC | (level > 1 ? O_NOFOLLOW : 0);
+    int fd = openat(parentFd, name, flags);
+    if (fd < 0) {
+        LogPosixErr(0, "Unable to open directory '%s'\n", accessPath);
+        return 0;
+    }
+    DispatchFile(RECORD_DIR_START, logicalPath, nullptr, root);
+    TempBlock* chain = nullptr;
+    SubdirNode* subdirs = nullptr;
+    DirTally tally = ReadDirectory(fd, accessPath, logicalPath, root, &chain, &subdirs);
+    if (tally.entries == 0) root->emptyDirCount++;
+    // The descriptor stays open only to open the subdirectories relative to it.
+    for (const SubdirNode* node = subdirs; node; node = node->next) ProcessSubdir(root, logicalPath, node, fd, level);
+    close(fd);
+    TempFree(&chain);
+    DispatchDirEnd(logicalPath, tally);
+    return 0;
+}
+
+void ProcessSubdir(AuditRoot* root, const char* parentLogicalPath, const SubdirNode* node, int parentFd,
+                   int parentLevel) {
+    // The entry's access path was checked against the same bound, and the
+    // logical path is no longer than it.
+    char subPath[ACCESS_PATH_SIZE];
+    int length = snprintf(subPath, sizeof subPath, parentLogicalPath[1] == '\0' ? "%s%s" : "%s/%s",
+                          parentLogicalPath, node->name);
+    if (length < 0 || static_cast<size_t>(length) >= sizeof subPath)
+        ErrExit("Directory path longer than %zu bytes: '%s/%s'\n", sizeof subPath - 1, parentLogicalPath, node->name);
+    if (!IsDirectorySelected(subPath, root)) return;
+    ProcessDirectory(subPath, root, parentFd, node->name, parentLevel + 1);
+}
+
+int ProcessRoot(AuditRoot* root) {
+    LogEntry("Root path: %s", root->path);
+    if (root->path[0] != '\\') {
+        if (root->mountSource) {
+            LogEntry(" (%s)", root->mountSource);
+        } else {
+            LogEntry(" (local filesystem)");
+        }
+    }
+    LogEntry("\n\n");
+    DisplayTemplateSummary(root);
+    LogEntry("\n");
+    LogEntry("\n");
+    root->dtlStartPos = DtlPosition();
+    ProcessDirectory("/", root, AT_FDCWD, root->path, 1);
+    LogRootTotals(root);
+    DisplayTotals(root);
+    return 0;
+}

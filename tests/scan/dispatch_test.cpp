@@ -1,0 +1,106 @@
+// The parts of the walk that a whole run cannot reach on purpose: a link
+// target that changes between lstat and readlink, and a subdirectory that is
+// no longer a directory when the walk comes to open it.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <string>
+
+#include "btree/btree.h"
+#include "config/roots.h"
+#include "driver/globals.h"
+#include "log/log.h"
+#include "scan/dispatch.h"
+#include "scan/idtable.h"
+#include "scan/walk.h"
+#include "tests/support/testutil.h"
+#include "tests/support/treebuilder.h"
+
+namespace {
+
+TEST(ProcessFile, FlagsLinksAndReadsTargetsCutAtTheLstatSizeWithoutStaleBytes) {
+    ScopedTempDir dir;
+    MakeTree(dir.path, {{TreeItem::SYMLINK, "long", "abcdefghij"},
+                        {TreeItem::SYMLINK, "short", "ab"},
+                        {TreeItem::FILE, "file", "x"},
+                        {TreeItem::DIR, "sub"}});
+    struct Case {
+        const char* name;
+        off_t size;  // as lstat reported it; differs when the link changed in between
+        uint32_t type, flags;
+        const char* target;
+    } cases[] = {
+        {"long", 10, S_IFLNK, FLAG_SYMLINK, "abcdefghij"},
+        {"short", 10, S_IFLNK, FLAG_SYMLINK, "ab"},    // shrank: zeros, not the last target's bytes
+        {"long", 4, S_IFLNK, FLAG_SYMLINK, "abcd"},    // grew: cut at the lstat size
+        {"gone", 6, S_IFLNK, FLAG_SYMLINK, ""},        // cannot be read: empty
+        {"file", 1, S_IFREG, 0, nullptr},
+        {"sub", 4096, S_IFDIR, FLAG_MULTI_LINK, nullptr},  // a directory's two links flag it too
+    };
+    idTree = TreePlant(0, 512, -513, nullptr, 128, 8, 0, 50000000, nullptr, nullptr, nullptr, IdKeyCmp);
+    dispatchDirFd = open(dir.path.c_str(), O_RDONLY | O_DIRECTORY);
+    ASSERT_GE(dispatchDirFd, 0);
+    FileRecord record{};
+    record.linkTarget = NewStringObject("init", 1024);
+    for (const Case& c : cases) {
+        SCOPED_TRACE(std::string(c.name) + " of size " + std::to_string(c.size));
+        record.entryFlags = 0;
+        fstatat(dispatchDirFd, c.name, &record.statData, AT_SYMLINK_NOFOLLOW);
+        record.statData.st_mode = (record.statData.st_mode & ~S_IFMT) | c.type;
+        record.statData.st_size = c.size;
+        snprintf(record.name, sizeof record.name, "%s", c.name);
+        EXPECT_EQ(ProcessFile(&record), c.type);
+        EXPECT_EQ(record.entryFlags, c.flags);
+        if (c.target) {
+            EXPECT_EQ(std::string(record.linkTarget->text), c.target);
+        }
+    }
+    close(dispatchDirFd);
+    dispatchDirFd = AT_FDCWD;
+    FreeStringObject(record.linkTarget);
+    TreeFree(idTree);
+    idTree = nullptr;
+}
+
+TEST(ProcessSubdir, ASubdirectoryReplacedSinceItWasListedIsReportedNotFollowed) {
+    ScopedTempDir dir;
+    MakeTree(dir.path, {{TreeItem::DIR, "elsewhere"},
+                        {TreeItem::FILE, "elsewhere/secret"},
+                        {TreeItem::SYMLINK, "link", "elsewhere"},
+                        {TreeItem::FILE, "file"}});
+    struct Case {
+        const char* name;
+        std::string error;
+    } cases[] = {
+        {"link", "Unable to open directory '" + dir.path + "/link'\n  (p20) Not a directory\n"},
+        {"file", "Unable to open directory '" + dir.path + "/file'\n  (p20) Not a directory\n"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        AuditRoot root{};
+        root.path = dir.path.data();
+        // The listing found a directory of that name; by now it is something else.
+        alignas(SubdirNode) char memory[sizeof(SubdirNode) + 8] = {};
+        auto* node = reinterpret_cast<SubdirNode*>(memory);
+        node->nameLen = static_cast<uint32_t>(strlen(c.name));
+        node->name = memory + sizeof(SubdirNode);
+        memcpy(node->name, c.name, node->nameLen);
+        int rootFd = open(dir.path.c_str(), O_RDONLY | O_DIRECTORY);
+        char* text = nullptr;
+        size_t size = 0;
+        errFile = open_memstream(&text, &size);
+        errLogCombined = 1;
+        ProcessSubdir(&root, "/", node, rootFd, 1);
+        fclose(errFile);
+        errFile = nullptr;
+        errLogCombined = 0;
+        close(rootFd);
+        EXPECT_EQ(std::string(text, size), c.error);
+        free(text);
+        EXPECT_EQ(root.dirCount, 1u);  // counted like any directory that cannot be opened
+    }
+}
+
+}  // namespace

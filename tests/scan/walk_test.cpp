@@ -1,0 +1,378 @@
+// The walk end to end: real trees in fresh directories, scanned by the real
+// program, checked through the detail-file reader, against detail files built
+// byte by byte from an independent walk, and on the exact log lines.
+#include <dirent.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/utsname.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <climits>
+#include <cstdlib>
+#include <functional>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "detail/dtlread.h"
+#include "support/numfmt.h"
+#include "tests/detail/dtlbuilder.h"
+#include "tests/support/testutil.h"
+#include "tests/support/treebuilder.h"
+
+namespace {
+
+using T = TreeItem;
+
+std::string RealPath(const std::string& path) {
+    char resolved[PATH_MAX];
+    return realpath(path.c_str(), resolved) ? resolved : path;
+}
+
+// A tree to scan and, beside it, the working directory that receives the
+// detail file, so that writing it never changes the tree.
+struct Workspace {
+    ScopedTempDir dir;
+    std::string root, work;
+    Workspace() {
+        chmod(dir.path.c_str(), 0755);  // unprivileged runs must reach both
+        mkdir((dir / "root").c_str(), 0755);
+        mkdir((dir / "work").c_str(), 0777);
+        chmod((dir / "work").c_str(), 0777);
+        root = RealPath(dir / "root");
+        work = RealPath(dir / "work");
+    }
+    RunResult Scan(const std::vector<std::string>& extra = {}, RunOptions options = {}) const {
+        std::vector<std::string> args = {root, "-dtl", "out.dtl", "-f"};
+        args.insert(args.end(), extra.begin(), extra.end());
+        options.cwd = work;
+        return RunFerrovan(args, options);
+    }
+    std::string Dtl() const { return ReadFile(work + "/out.dtl"); }
+};
+
+// What the reader finds in a detail file, records as text:
+// "dir <path> <files>/<subdirs>/<bytes>", "entry <path>[ -> <target>]", "end".
+struct Detail {
+    bool sound = false;
+    std::string fault;
+    DtlRootHeader root{};
+    std::vector<std::string> records;
+    std::map<std::string, DtlRecordFixed> entries;  // by logical path
+    std::vector<DtlLink> links;
+};
+
+Detail ReadDetail(const std::string& path) {
+    Detail d;
+    DtlReader r;
+    DtlStep step = DTL_STEP_FAULT;
+    if (DtlOpen(&r, path.c_str())) {
+        d.root = r.root;
+        while ((step = DtlNext(&r)) == DTL_STEP_RECORD || step == DTL_STEP_LINK) {
+            const DtlRecord& rec = r.rec;
+            if (step == DTL_STEP_LINK) {
+                d.links.push_back(r.link);
+            } else if (rec.kind == DTL_REC_END_MARKER) {
+                d.records.push_back("end");
+            } else if (rec.kind == DTL_REC_DIR_HEADER) {
+                d.records.push_back("dir " + std::string(rec.name) + " " + std::to_string(rec.fixed.atime) + "/" +
+                                    std::to_string(rec.fixed.mtime) + "/" + std::to_string(rec.fixed.size));
+            } else {
+                std::string p = DtlJoinPath(rec.dirPath, rec.name);
+                d.records.push_back("entry " + p + (rec.target.empty() ? "" : " -> " + std::string(rec.target)));
+                d.entries[p] = rec.fixed;
+            }
+        }
+    }
+    d.sound = step == DTL_STEP_DONE;
+    d.fault = std::to_string(r.fault.offset) + ": " + r.fault.message;
+    DtlClose(&r);
+    return d;
+}
+
+std::vector<std::string> Sorted(std::vector<std::string> v) {
+    std::sort(v.begin(), v.end());
+    return v;
+}
+
+uint64_t SizeOf(const std::string& path) {
+    struct stat st;
+    return lstat(path.c_str(), &st) == 0 ? static_cast<uint64_t>(st.st_size) : ~0ull;
+}
+
+// The root's part of the log: from its heading to the end of its totals.
+std::string RootSection(const std::string& log) {
+    size_t from = log.find("Root path: ");
+    size_t to = log.find("\nEnd time: ");
+    if (from == std::string::npos || to == std::string::npos) return "(no root section in)\n" + log;
+    return log.substr(from, to - from);
+}
+
+const std::string NO_TEMPLATES = " Include dirs: all\n Exclude dirs: none\nInclude files: all\nExclude files: none\n";
+
+struct Totals {
+    int dirs, empty, files, symlinks, hardLinks;
+};
+
+std::string Metric(uint64_t value) {
+    char buf[NUM_BUF_SIZE];
+    return EditValueMetric(value, buf);
+}
+
+// The log lines of a root: heading, template summary, what the walk logged,
+// and the totals, the volume figures as the detail file recorded them.
+std::string Section(const std::string& root, const std::string& templates, const std::string& walked,
+                    const Totals& t, const std::string& totalSize, const std::string& dtl) {
+    std::string s = "Root path: " + root + " (local filesystem)\n\n" + templates + "\n\n" + walked +
+                    "---- Totals ----\n\n\tDirectories: " + std::to_string(t.dirs) + "\n";
+    if (t.empty) s += "\tEmpty dirs: " + std::to_string(t.empty) + "\n";
+    s += "\tFiles: " + std::to_string(t.files) + "\n";
+    s += "\tVolume capacity: " + Metric(Le64(dtl, 88 + 112)) + "\n";
+    s += "\tTotal file size: " + totalSize + "\n";
+    s += "\tAvailable space: " + Metric(Le64(dtl, 88 + 104)) + "\n";
+    if (t.symlinks) s += "\tSymbolic links: " + std::to_string(t.symlinks) + "\n";
+    if (t.hardLinks) s += "\tHard links: " + std::to_string(t.hardLinks) + "\n";
+    return s;
+}
+
+// What an unfiltered scan of root must record, found independently of the
+// program: readdir for the order, lstat and readlink on full paths.
+FakeScan ExpectedScan(const std::string& root, const std::string& tag) {
+    FakeScan scan;
+    utsname node;
+    uname(&node);
+    scan.nodeName = node.nodename;
+    scan.tag = tag;
+    scan.rootPath = root;
+    std::function<void(const std::string&)> walk = [&](const std::string& logical) {
+        std::string dirPath = logical == "/" ? root : root + logical;
+        FakeDir dir{logical, {}};
+        std::vector<std::string> subdirs;
+        DIR* d = opendir(dirPath.c_str());
+        if (!d) return ADD_FAILURE() << "cannot list " << dirPath;
+        while (dirent* e = readdir(d)) {
+            std::string name = e->d_name, path = dirPath + "/" + name;
+            if (name == "." || name == "..") continue;
+            struct stat st;
+            if (lstat(path.c_str(), &st) != 0) ADD_FAILURE() << "cannot examine " << path;
+            FakeEntry f{.name = name, .mode = st.st_mode, .size = static_cast<uint64_t>(st.st_size),
+                        .links = static_cast<uint32_t>(st.st_nlink), .inode = static_cast<uint32_t>(st.st_ino),
+                        .uid = st.st_uid, .gid = st.st_gid, .ctime = static_cast<uint32_t>(st.st_ctim.tv_sec),
+                        .atime = static_cast<uint32_t>(st.st_atim.tv_sec),
+                        .mtime = static_cast<uint32_t>(st.st_mtim.tv_sec)};
+            if (S_ISLNK(st.st_mode)) {
+                char target[PATH_MAX];
+                ssize_t n = readlink(path.c_str(), target, sizeof target);
+                f.target.assign(target, n > 0 ? static_cast<size_t>(n) : 0);
+            }
+            if (S_ISDIR(st.st_mode)) subdirs.push_back(name);
+            dir.entries.push_back(f);
+        }
+        closedir(d);
+        scan.dirs.push_back(dir);
+        for (const std::string& s : subdirs) walk(logical == "/" ? "/" + s : logical + "/" + s);
+    };
+    // Reading a directory or a link may move its access time once; the
+    // second walk sees times that the scan will not move again.
+    walk("/");
+    scan.dirs.clear();
+    walk("/");
+    return scan;
+}
+
+// The scan's detail file must be exactly the file built from the expected
+// scan; the run time and the volume figures are taken from the file.
+void ExpectSameBytes(const std::string& actual, FakeScan scan) {
+    ASSERT_GE(actual.size(), 284u);
+    scan.runTime = Le32(actual, 8);
+    scan.availableSpace = Le64(actual, 88 + 104);
+    scan.volumeCapacity = Le64(actual, 88 + 112);
+    std::string expected = BuildDetail(scan).bytes;
+    size_t at = std::mismatch(actual.begin(), actual.end(), expected.begin(), expected.end()).first - actual.begin();
+    EXPECT_EQ(actual, expected) << "first difference at offset " << at << " (sizes " << actual.size() << " and "
+                                << expected.size() << ")";
+}
+
+TEST(Walk, EmptyRootGivesItsDirectoryRecordAndAnEmptyDirectory) {
+    Workspace ws;
+    FakeScan expected = ExpectedScan(ws.root, "");
+    RunResult run = ws.Scan();
+    ASSERT_EQ(run.status, 0) << run.err;
+    EXPECT_EQ(run.err, "");
+    std::string dtl = ws.Dtl();
+    ExpectSameBytes(dtl, expected);
+    EXPECT_EQ(ReadDetail(ws.work + "/out.dtl").records, (std::vector<std::string>{"dir / 0/0/0", "end"}));
+    EXPECT_EQ(RootSection(run.out), Section(ws.root, NO_TEMPLATES, "", {1, 1, 0, 0, 0}, " bytes", dtl));
+}
+
+TEST(Walk, RecordsEveryKindOfEntryAsTheFileSystemGivesIt) {
+    Workspace ws;
+    MakeTree(ws.root, {
+                          {T::DIR, "a"},
+                          {T::DIR, "a/b"},
+                          {T::DIR, "a/b/c"},
+                          {T::DIR, "empty"},
+                          {T::FILE, "f", "hello"},
+                          {T::HARDLINK, "a/f2", "f"},
+                          {T::HARDLINK, "a/b/f3", "f"},
+                          {T::FIFO, "a/pipe"},
+                          {T::SYMLINK, "to-file", "f"},
+                          {T::SYMLINK, "to-dir", "a"},
+                          {T::SYMLINK, "dangling", "no/such/target"},
+                          {T::FILE, "with blank", "x"},
+                          {T::FILE, "new\nline", "yy"},
+                          {T::FILE, "raw\xff\xfe", "zzz"},
+                          {T::FILE, "a/b/c/caf\xc3\xa9", ""},
+                          {T::SPARSE, "a/big", "", 5000000000},
+                      });
+    FakeScan expected = ExpectedScan(ws.root, "abc");
+    RunResult run = ws.Scan({"-tag", "abc"});
+    ASSERT_EQ(run.status, 0) << run.err;
+    EXPECT_EQ(run.err, "");
+    std::string dtl = ws.Dtl();
+    ExpectSameBytes(dtl, expected);
+    EXPECT_EQ(Le32(dtl, 64), 9u);                       // completed, tagged
+    EXPECT_EQ(Le16(dtl, Le32(dtl, 12)), 64u);           // 31 tag characters: a 66-byte header string
+
+    Detail d = ReadDetail(ws.work + "/out.dtl");
+    ASSERT_TRUE(d.sound) << d.fault;
+    EXPECT_EQ(d.entries["/a/big"].size, 5000000000u);
+    EXPECT_GT(d.root.totalFileSize, 5000000000u);
+    EXPECT_EQ(std::count(d.records.begin(), d.records.end(), "entry /to-dir -> a"), 1);
+    EXPECT_EQ(std::count_if(d.records.begin(), d.records.end(),
+                            [](const std::string& r) { return r.starts_with("dir /to-dir"); }),
+              0);  // never followed
+    // The three names of one inode chain back: first entry 0, then the one before.
+    struct stat st;
+    ASSERT_EQ(lstat((ws.root + "/f").c_str(), &st), 0);
+    std::vector<DtlLink> chain;
+    for (const DtlLink& l : d.links)
+        if (l.inode == static_cast<uint32_t>(st.st_ino)) chain.push_back(l);
+    ASSERT_EQ(chain.size(), 3u);
+    EXPECT_EQ(chain[0].entry.prevEntry, 0u);
+    EXPECT_EQ(chain[1].entry.prevEntry, 24u * chain[0].index);
+    EXPECT_EQ(chain[2].entry.prevEntry, 24u * chain[1].index);
+
+    // Directories /, a, a/b, a/b/c, empty; every entry but the four
+    // directories is a file; f's three names and the four directories carry
+    // the hard-link flag. The size is 64-bit throughout.
+    uint64_t total = Le64(BuildDetail(expected).bytes, 88);
+    EXPECT_EQ(RootSection(run.out), Section(ws.root, NO_TEMPLATES, "", {5, 1, 12, 3, 7}, Metric(total), dtl));
+}
+
+TEST(Walk, TemplatesSelectDirectoriesByLogicalPathAndFilesByName) {
+    Workspace ws;
+    MakeTree(ws.root, {
+                          {T::FILE, "top.c", "1"},
+                          {T::FILE, "notes.txt", "22"},
+                          {T::FILE, "main.c", "333"},
+                          {T::DIR, "src"},
+                          {T::FILE, "src/a.c", "4444"},
+                          {T::FILE, "src/b.o", "55555"},
+                          {T::DIR, "src/tmp"},
+                          {T::FILE, "src/tmp/t.c"},
+                          {T::DIR, "src/sub"},
+                          {T::FILE, "src/sub/s.c", "666666"},
+                          {T::DIR, "build"},
+                          {T::FILE, "build/x.c"},
+                      });
+    WriteFile(ws.work + "/scan.cfg",
+              "[ScanRoot]\nincludedirs = /s~\nexcludedirs = /src/tmp\nincludefiles = *.c\nexcludefiles = top*\n");
+    RunResult run = ws.Scan({"-cfg", "scan.cfg", "-p"});
+    ASSERT_EQ(run.status, 0) << run.err;
+    EXPECT_EQ(run.err, "");
+
+    Detail d = ReadDetail(ws.work + "/out.dtl");
+    ASSERT_TRUE(d.sound) << d.fault;
+    // Rejected directories keep their entry records and count as their
+    // parent's subdirectories, but are not entered; rejected files vanish.
+    EXPECT_EQ(Sorted(d.records), Sorted({"dir / 1/2/3", "entry /main.c", "entry /src", "entry /build",
+                                         "dir /src 1/2/4", "entry /src/a.c", "entry /src/tmp", "entry /src/sub",
+                                         "dir /src/sub 1/0/6", "entry /src/sub/s.c", "end"}));
+    uint64_t total = 3 + 4 + 6;
+    for (const char* dir : {"/src", "/build", "/src/tmp", "/src/sub"}) total += SizeOf(ws.root + dir);
+    EXPECT_EQ(RootSection(run.out),
+              Section(ws.root,
+                      " Include dirs: /s~\n Exclude dirs: /src/tmp\nInclude files: *.c\nExclude files: top*\n",
+                      "/\n/src\n/src/sub\n", {3, 0, 3, 0, 4}, Metric(total), ws.Dtl()));
+}
+
+TEST(Walk, UnreadablePartsAreReportedAndTheWalkGoesOn) {
+    Workspace ws;
+    MakeTree(ws.root, {
+                          {T::DIR, "locked"},
+                          {T::FILE, "locked/secret", "s"},
+                          {T::DIR, "noexec"},
+                          {T::FILE, "noexec/x", "x"},
+                          {T::DIR, "open"},
+                          {T::FILE, "open/f", "data"},
+                      });
+    chmod((ws.root + "/locked").c_str(), 0);     // cannot be opened
+    chmod((ws.root + "/noexec").c_str(), 0444);  // listed, but its entries cannot be examined
+    RunResult run = ws.Scan({}, {.unprivileged = true});
+    ASSERT_EQ(run.status, 0) << run.err;
+    std::string openError = "Unable to open directory '" + ws.root + "/locked'\n  (p13) Permission denied\n";
+    std::string statError = "Could not stat() '" + ws.root + "/noexec/x'\n  (p13) Permission denied\n";
+    EXPECT_TRUE(run.err == openError + statError || run.err == statError + openError) << run.err;
+
+    Detail d = ReadDetail(ws.work + "/out.dtl");
+    ASSERT_TRUE(d.sound) << d.fault;
+    // The unopenable directory counts but has no records of its own; the one
+    // whose only entry failed is not empty.
+    EXPECT_EQ(Sorted(d.records), Sorted({"dir / 0/3/0", "entry /locked", "entry /noexec", "entry /open",
+                                         "dir /noexec 0/0/0", "dir /open 1/0/4", "entry /open/f", "end"}));
+    uint64_t total = 4 + SizeOf(ws.root + "/locked") + SizeOf(ws.root + "/noexec") + SizeOf(ws.root + "/open");
+    EXPECT_EQ(RootSection(run.out), Section(ws.root, NO_TEMPLATES, "", {4, 0, 1, 0, 3}, Metric(total), ws.Dtl()));
+}
+
+TEST(Walk, DirectoriesDeeperThanOneHundredLevelsAreReportedAndNotEntered) {
+    Workspace ws;
+    // Levels 2 to 101 below the root (level 1); the last one holds a file.
+    std::string deepest = MakeChain(ws.root, "d", 100);
+    WriteFile(deepest + "/lost", "");
+    MakeTree(ws.root, {{T::DIR, "z"}, {T::FILE, "z/f", "f"}});
+    RunResult run = ws.Scan();
+    ASSERT_EQ(run.status, 0) << run.err;
+    EXPECT_EQ(run.err, "Directory '" + deepest + "' is nested deeper than 100 levels and was not entered\n");
+
+    Detail d = ReadDetail(ws.work + "/out.dtl");
+    ASSERT_TRUE(d.sound) << d.fault;
+    std::string level101 = deepest.substr(ws.root.size());
+    std::string level100 = level101.substr(0, level101.size() - 2);
+    auto has = [&](const std::string& r) { return std::count(d.records.begin(), d.records.end(), r) == 1; };
+    EXPECT_TRUE(has("entry " + level101));          // recorded in its parent
+    EXPECT_TRUE(has("dir " + level100 + " 0/1/0"));  // and counted there
+    EXPECT_TRUE(has("dir /z 1/0/1"));               // the walk went on
+    EXPECT_EQ(std::count_if(d.records.begin(), d.records.end(),
+                            [](const std::string& r) { return r.starts_with("dir "); }),
+              101);
+    EXPECT_EQ(d.root.dirCount, 102u);  // counted like a directory that cannot be opened
+}
+
+TEST(Walk, AnAccessPathLongerThan4095BytesEndsTheRun) {
+    Workspace ws;
+    std::string name(200, 'n');
+    // The twentieth directory's access path still fits; the entry of the
+    // twenty-first in it would not.
+    std::string deepest = MakeChain(ws.root, name, 21);
+    RunResult run = ws.Scan();
+    RemoveChain(ws.root, name, 21);
+    EXPECT_EQ(run.status, 1);
+    EXPECT_EQ(run.err, "Access path longer than 4095 bytes: '" + deepest + "'\n");
+    EXPECT_EQ(ws.Dtl().substr(0, 4), "IDTL");
+}
+
+TEST(Walk, AFailedWriteOfTheDetailFileEndsTheRunAndLeavesItUnfinished) {
+    Workspace ws;
+    for (int i = 0; i < 300; i++) WriteFile(ws.root + "/" + std::to_string(i) + std::string(150, 'x'), "");
+    RunResult run = ws.Scan({}, {.fileSizeLimit = 20000});
+    EXPECT_EQ(run.status, 1);
+    EXPECT_EQ(run.err, "Unable to write audit detail file 'out.dtl'\n  (p27) File too large\n");
+    std::string dtl = ws.Dtl();
+    EXPECT_EQ(dtl.size(), 20000u);
+    EXPECT_EQ(dtl.substr(0, 4), "IDTL");
+    EXPECT_EQ(run.out.find("---- Totals"), std::string::npos);
+}
+
+}  // namespace
