@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <utility>
 
 #include "btree/btree.h"
 #include "config/roots.h"
@@ -57,6 +58,11 @@ struct WriterRun {
         FreeStringObject(record->dirPath);
         FreeStringObject(record->linkTarget);
         free(record);
+        // What lives for a whole run in the program lives for one test here.
+        for (TemplateRec* t = root->includeDirs; t;) free(std::exchange(t, t->next));
+        free(root);
+        free(std::exchange(logHdr, nullptr));
+        free(std::exchange(tagStr, nullptr));
     }
 
     void Event(uint32_t kind, const std::string& dirPath) {
