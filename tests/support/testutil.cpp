@@ -1,16 +1,13 @@
 #include "tests/support/testutil.h"
 
 #include <fcntl.h>
-#include <poll.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <csignal>
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -53,24 +50,21 @@ bool PathExists(const std::string& path) {
 }
 
 RunResult RunProgram(const std::string& program, const std::vector<std::string>& args, const RunOptions& options) {
-    int inPipe[2], outPipe[2], errPipe[2];
-    if (pipe(inPipe) || pipe(outPipe) || pipe(errPipe)) throw std::runtime_error("pipe failed");
-    std::vector<std::string> argvStore;
-    if (options.unprivileged) {
-        argvStore = {"setpriv", "--reuid=65534", "--regid=65534", "--clear-groups", program};
-    } else {
-        argvStore = {program};
-    }
+    // The program's three standard streams are files in a directory of their
+    // own, read back once it has ended.
+    ScopedTempDir io;
+    WriteFile(io / "in", options.input);
+    std::vector<std::string> argvStore = {program};
+    if (options.unprivileged) argvStore = {"setpriv", "--reuid=65534", "--regid=65534", "--clear-groups", program};
     argvStore.insert(argvStore.end(), args.begin(), args.end());
     std::vector<char*> argv;
     for (auto& a : argvStore) argv.push_back(a.data());
     argv.push_back(nullptr);
     pid_t pid = fork();
     if (pid == 0) {
-        dup2(inPipe[0], 0);
-        dup2(outPipe[1], 1);
-        dup2(errPipe[1], 2);
-        for (int fd : {inPipe[0], inPipe[1], outPipe[0], outPipe[1], errPipe[0], errPipe[1]}) close(fd);
+        int fds[] = {open((io / "in").c_str(), O_RDONLY), open((io / "out").c_str(), O_WRONLY | O_CREAT, 0600),
+                     open((io / "err").c_str(), O_WRONLY | O_CREAT, 0600)};
+        for (int i = 0; i < 3; i++) dup2(fds[i], i);
         if (!options.cwd.empty() && chdir(options.cwd.c_str()) != 0) _exit(126);
         if (options.fileSizeLimit) {
             // An ignored signal stays ignored across exec.
@@ -81,53 +75,12 @@ RunResult RunProgram(const std::string& program, const std::vector<std::string>&
         execvp(argv[0], argv.data());
         _exit(127);
     }
-    close(inPipe[0]);
-    close(outPipe[1]);
-    close(errPipe[1]);
-    RunResult result;
-    size_t written = 0;
-    int inFd = inPipe[1];
-    if (options.input.empty()) {
-        close(inFd);
-        inFd = -1;
-    }
-    int outFd = outPipe[0], errFd = errPipe[0];
-    while (outFd >= 0 || errFd >= 0) {
-        pollfd fds[3];
-        int n = 0;
-        if (outFd >= 0) fds[n++] = {outFd, POLLIN, 0};
-        if (errFd >= 0) fds[n++] = {errFd, POLLIN, 0};
-        if (inFd >= 0) fds[n++] = {inFd, POLLOUT, 0};
-        if (poll(fds, n, -1) < 0) {
-            if (errno == EINTR) continue;
-            break;
-        }
-        for (int i = 0; i < n; i++) {
-            if (!fds[i].revents) continue;
-            if (fds[i].fd == inFd) {
-                ssize_t put = write(inFd, options.input.data() + written, options.input.size() - written);
-                if (put > 0) written += static_cast<size_t>(put);
-                if (put < 0 || written == options.input.size()) {
-                    close(inFd);
-                    inFd = -1;
-                }
-                continue;
-            }
-            char buf[65536];
-            ssize_t got = read(fds[i].fd, buf, sizeof buf);
-            std::string& sink = fds[i].fd == outFd ? result.out : result.err;
-            if (got > 0) {
-                sink.append(buf, static_cast<size_t>(got));
-            } else {
-                close(fds[i].fd);
-                (fds[i].fd == outFd ? outFd : errFd) = -1;
-            }
-        }
-    }
-    if (inFd >= 0) close(inFd);
     int status = 0;
     waitpid(pid, &status, 0);
+    RunResult result;
     result.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    result.out = ReadFile(io / "out");
+    result.err = ReadFile(io / "err");
     return result;
 }
 
