@@ -1,40 +1,22 @@
 #include "tests/detail/dtlbuilder.h"
 
+#include <algorithm>
 #include <map>
 
-void Put16At(std::string& b, size_t o, uint16_t v) {
-    b[o] = static_cast<char>(v & 0xFF);
-    b[o + 1] = static_cast<char>(v >> 8);
+void PutLe(std::string& b, size_t o, uint64_t v, int width) {
+    for (int i = 0; i < width; i++) b[o + i] = static_cast<char>(v >> 8 * i);
 }
 
-void Put32At(std::string& b, size_t o, uint32_t v) {
-    Put16At(b, o, static_cast<uint16_t>(v));
-    Put16At(b, o + 2, static_cast<uint16_t>(v >> 16));
-}
-
-void Put64At(std::string& b, size_t o, uint64_t v) {
-    Put32At(b, o, static_cast<uint32_t>(v));
-    Put32At(b, o + 4, static_cast<uint32_t>(v >> 32));
-}
-
-static void Put16(std::string& b, uint16_t v) {
-    b.append(2, '\0');
-    Put16At(b, b.size() - 2, v);
-}
-static void Put32(std::string& b, uint32_t v) {
-    b.append(4, '\0');
-    Put32At(b, b.size() - 4, v);
-}
-static void Put64(std::string& b, uint64_t v) {
-    b.append(8, '\0');
-    Put64At(b, b.size() - 8, v);
+static void Put(std::string& b, uint64_t v, int width) {
+    b.append(static_cast<size_t>(width), '\0');
+    PutLe(b, b.size() - static_cast<size_t>(width), v, width);
 }
 
 static void PutHeaderString(FakeFile& f, const std::string& text) {
     f.stringPos.push_back(f.bytes.size());
-    Put16(f.bytes, static_cast<uint16_t>(2 * text.size() + 2));
-    for (char c : text) Put16(f.bytes, static_cast<uint16_t>(static_cast<int16_t>(static_cast<signed char>(c))));
-    Put16(f.bytes, 0);
+    Put(f.bytes, 2 * text.size() + 2, 2);
+    for (char c : text) Put(f.bytes, static_cast<uint16_t>(static_cast<signed char>(c)), 2);  // sign-extended
+    Put(f.bytes, 0, 2);
 }
 
 static void PutText(std::string& b, const std::string& text, size_t field) {
@@ -80,14 +62,11 @@ FakeFile BuildDetail(const FakeScan& scan) {
                 dBytes += e.size;
             }
         }
-        Put32(b, 0x40000000);
-        b.append(20, '\0');
-        Put32(b, dFiles);
-        Put32(b, dSubdirs);
-        Put64(b, dBytes);
-        Put32(b, 0);
-        Put16(b, static_cast<uint16_t>(d.path.size() + 1));
-        Put16(b, 0);
+        for (uint32_t v : {0x40000000u, 0u, 0u, 0u, 0u, 0u, dFiles, dSubdirs}) Put(b, v, 4);
+        Put(b, dBytes, 8);
+        Put(b, 0, 4);
+        Put(b, d.path.size() + 1, 2);
+        Put(b, 0, 2);
         b += d.path;
         b += '\0';
         if (d.entries.empty()) empty++;
@@ -105,25 +84,16 @@ FakeFile BuildDetail(const FakeScan& scan) {
                 uint64_t prev = it == lastLink.end() ? 0 : it->second;
                 if (it == lastLink.end()) total += e.size;
                 lastLink[e.inode] = rel;
-                Put64(table, prev);
-                Put64(table, dirPos);
-                Put64(table, pos);
+                for (uint64_t v : {prev, dirPos, pos}) Put(table, v, 8);
                 hardLinks++;
             } else {
                 total += e.size;
             }
-            Put32(b, flags);
-            Put32(b, e.uid);
-            Put32(b, e.gid);
-            Put32(b, e.inode);
-            Put32(b, e.mode);
-            Put32(b, e.ctime);
-            Put32(b, e.atime);
-            Put32(b, e.mtime);
-            Put64(b, e.size);
-            Put32(b, e.links);
-            Put16(b, static_cast<uint16_t>(e.name.size() + 1));
-            Put16(b, static_cast<uint16_t>(symlink ? e.target.size() + 1 : 0));
+            for (uint32_t v : {flags, e.uid, e.gid, e.inode, e.mode, e.ctime, e.atime, e.mtime}) Put(b, v, 4);
+            Put(b, e.size, 8);
+            Put(b, e.links, 4);
+            Put(b, e.name.size() + 1, 2);
+            Put(b, symlink ? e.target.size() + 1 : 0, 2);
             b += e.name;
             b += '\0';
             if (symlink) {
@@ -140,26 +110,26 @@ FakeFile BuildDetail(const FakeScan& scan) {
     }
 
     // Log header.
-    Put32At(b, 0, 0x4c544446);
-    Put32At(b, 4, 520);
-    Put32At(b, 8, scan.runTime);
-    Put32At(b, 12, static_cast<uint32_t>(f.stringPos[1]));
-    Put32At(b, 16, static_cast<uint32_t>(f.stringPos[0]));
-    Put64At(b, 40, f.tablePos);
-    Put32At(b, 64, tag[0] != ' ' ? 9 : 1);
+    PutLe(b, 0, 0x4c544446, 4);
+    PutLe(b, 4, 520, 4);
+    PutLe(b, 8, scan.runTime, 4);
+    PutLe(b, 12, static_cast<uint32_t>(f.stringPos[1]), 4);
+    PutLe(b, 16, static_cast<uint32_t>(f.stringPos[0]), 4);
+    PutLe(b, 40, f.tablePos, 8);
+    PutLe(b, 64, tag[0] != ' ' ? 9 : 1, 4);
     // Root header.
-    Put64At(b, 88, total);
-    Put64At(b, 88 + 16, f.recordsPos);
-    Put32At(b, 88 + 24, static_cast<uint32_t>(f.stringPos[2]));
-    Put32At(b, 88 + 28, scan.mountSource.empty() ? 0 : static_cast<uint32_t>(f.stringPos[3]));
-    Put32At(b, 88 + 32, static_cast<uint32_t>(includeDirsOffset));
-    Put32At(b, 88 + 48, static_cast<uint32_t>(scan.dirs.size()) + scan.extraDirs);
-    Put32At(b, 88 + 52, empty);
-    Put32At(b, 88 + 56, files);
-    Put32At(b, 88 + 60, hardLinks);
-    Put32At(b, 88 + 64, symlinks);
-    Put64At(b, 88 + 104, scan.availableSpace);
-    Put64At(b, 88 + 112, scan.volumeCapacity);
+    PutLe(b, 88, total, 8);
+    PutLe(b, 88 + 16, f.recordsPos, 8);
+    PutLe(b, 88 + 24, static_cast<uint32_t>(f.stringPos[2]), 4);
+    PutLe(b, 88 + 28, scan.mountSource.empty() ? 0 : static_cast<uint32_t>(f.stringPos[3]), 4);
+    PutLe(b, 88 + 32, static_cast<uint32_t>(includeDirsOffset), 4);
+    PutLe(b, 88 + 48, static_cast<uint32_t>(scan.dirs.size()) + scan.extraDirs, 4);
+    PutLe(b, 88 + 52, empty, 4);
+    PutLe(b, 88 + 56, files, 4);
+    PutLe(b, 88 + 60, hardLinks, 4);
+    PutLe(b, 88 + 64, symlinks, 4);
+    PutLe(b, 88 + 104, scan.availableSpace, 8);
+    PutLe(b, 88 + 112, scan.volumeCapacity, 8);
     // Version header.
     std::string version;
     PutText(version, "2.2.0", 12);
@@ -198,4 +168,39 @@ FakeScan SampleScan() {
     };
     s.extraDirs = 1;  // "/x" is not selected by the templates
     return s;
+}
+
+ReadBack ReadDetail(const std::string& path) {
+    ReadBack d;
+    DtlReader r;
+    DtlStep step = DTL_STEP_FAULT;
+    if (DtlOpen(&r, path.c_str())) {
+        d.root = r.root;
+        d.strings = r.strings;
+        while ((step = DtlNext(&r)) == DTL_STEP_RECORD || step == DTL_STEP_LINK) {
+            const DtlRecord& rec = r.rec;
+            if (step == DTL_STEP_LINK) {
+                d.links.push_back(r.link);
+            } else if (rec.kind == DTL_REC_END_MARKER) {
+                d.records.push_back("end");
+            } else if (rec.kind == DTL_REC_DIR_HEADER) {
+                d.records.push_back("dir " + std::string(rec.name) + " " + std::to_string(rec.fixed.atime) + "/" +
+                                    std::to_string(rec.fixed.mtime) + "/" + std::to_string(rec.fixed.size));
+            } else {
+                std::string p = DtlJoinPath(rec.dirPath, rec.name);
+                d.records.push_back("entry " + p + (rec.target.empty() ? "" : " -> " + std::string(rec.target)));
+                d.entries[p] = rec.fixed;
+            }
+        }
+    }
+    d.sound = step == DTL_STEP_DONE;
+    d.fault = r.fault;
+    DtlClose(&r);
+    return d;
+}
+
+std::string FirstDifference(const std::string& a, const std::string& b) {
+    size_t i = std::mismatch(a.begin(), a.end(), b.begin(), b.end()).first - a.begin();
+    return "sizes " + std::to_string(a.size()) + " and " + std::to_string(b.size()) + ", first difference at " +
+           std::to_string(i);
 }

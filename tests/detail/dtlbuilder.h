@@ -1,7 +1,8 @@
 // Builds detail files byte by byte for the tests, from a description of a
 // scan, without the format module's encoders: every field is laid down
 // little-endian by hand, so the reader and the encoders are checked against
-// an independent picture of the layout.
+// an independent picture of the layout. Also reads files back through the
+// reader, as text the tests can compare.
 #pragma once
 
 #include <sys/stat.h>
@@ -10,6 +11,8 @@
 #include <map>
 #include <string>
 #include <vector>
+
+#include "detail/dtlread.h"
 
 /// One entry record.
 struct FakeEntry {
@@ -61,7 +64,23 @@ FakeFile BuildDetail(const FakeScan& scan);
 /// that is not UTF-8, a name with a newline, a tag and include templates.
 FakeScan SampleScan();
 
-/// Puts a little-endian value into bytes at offset.
-void Put16At(std::string& bytes, size_t offset, uint16_t v);
-void Put32At(std::string& bytes, size_t offset, uint32_t v);
-void Put64At(std::string& bytes, size_t offset, uint64_t v);
+/// Puts the low width bytes of v into bytes at offset, little-endian.
+void PutLe(std::string& bytes, size_t offset, uint64_t v, int width);
+
+/// What the reader hands out for a whole file; records as text:
+/// "dir <path> <files>/<subdirs>/<bytes>", "entry <path>[ -> <target>]", "end".
+struct ReadBack {
+    bool sound = false;
+    DtlFault fault;
+    DtlRootHeader root{};
+    DtlStrings strings;
+    std::vector<std::string> records;
+    std::map<std::string, DtlRecordFixed> entries;  ///< by logical path
+    std::vector<DtlLink> links;
+};
+
+/// Where two files first differ, for failure messages.
+std::string FirstDifference(const std::string& a, const std::string& b);
+
+/// Reads the file at path through the detail-file reader to its end or its first fault.
+ReadBack ReadDetail(const std::string& path);

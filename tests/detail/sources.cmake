@@ -4,6 +4,5 @@ list(APPEND FERROVAN_TEST_SOURCES
   detail/dtlclose_test.cpp
   detail/dtldump_test.cpp
   detail/dtlread_test.cpp
-  detail/format_test.cpp
   detail/writer_test.cpp
 )
