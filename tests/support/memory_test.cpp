@@ -82,12 +82,3 @@ TEST(Chr2WChr, SignExtendsEveryByte) {
         EXPECT_EQ(dst, c.out) << c.in;
     }
 }
-
-TEST(SaveStrings, CopyTheWholeText) {
-    char* a = SaveAStr("caf\xc3\xa9");
-    EXPECT_STREQ(a, "caf\xc3\xa9");
-    free(a);
-    wchar_t* w = SaveWStr(L"wide\x10000");
-    EXPECT_EQ(std::wstring(w), std::wstring(L"wide\x10000"));
-    free(w);
-}
