@@ -19,21 +19,10 @@
 #include "config/configfile.h"
 #include "config/roots.h"
 #include "config/templates.h"
+#include "tests/config/config_testutil.h"
 
 static void Check(bool ok) {
     if (!ok) __builtin_trap();
-}
-
-static void FreeRoot(AuditRoot* root) {
-    for (TemplateRec* list : {root->includeDirs, root->excludeDirs, root->includeFiles, root->excludeFiles}) {
-        while (list) {
-            TemplateRec* next = list->next;
-            free(list);
-            list = next;
-        }
-    }
-    free(root->path);
-    free(root);
 }
 
 // A value without wildcards, escapes or code bytes is a plain text that must match itself.
@@ -80,7 +69,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         if (IsPlain(value)) Check(TemplateMatch(value, added->matchText, 0) == 1);
     }
     Check(length == 0 || length == CONFIG_LINE_TOO_LONG);
-    FreeRoot(root);
+    FreeTemplateLists(root);
+    free(root->path);
+    free(root);
     fclose(stream);
     return 0;
 }

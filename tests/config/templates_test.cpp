@@ -38,18 +38,13 @@ TEST(TemplateMatch, FollowsTheWildcardRules) {
         const char* text;
         int useBackslash, result;
     } cases[] = {
-        {"*.txt", "a.txt", 0, 1},     {"*.txt", "x/a.txt", 0, 1},  // a run before more template crosses '/'
-        {"/src/*", "/src/a", 0, 1},   {"/src/*", "/src/a/b", 0, 0}, // a trailing '*' does not
+        {"*.txt", "x/a.txt", 0, 1},   {"/src/*", "/src/a/b", 0, 0},  // a run before more template crosses '/', a trailing one not
         {"/src/~", "/src/a/b", 0, 1}, {"/a/*/c", "/a/b/x/c", 0, 1},
         {"a?c", "a/c", 0, 0},         {"a?c", "abc", 0, 1},
-        {"*?", "", 0, 1},             {"?*", "", 0, 0},            // '?' in a run asks for nothing
-        {"*.TXT", "a.txt", 0, 0},     {"", "", 0, 1},
-        {"*", "/a", 0, 0},            {"/*", "/a", 0, 1},
-        {"*/*", "a/b/c", 0, 1},       {"*a*b", "ab/ab/a", 0, 0},
-        {"*~", "a/b", 0, 1},          {"'*", "*", 0, 1},
-        {"'*", "a", 0, 0},            {"''", "'", 0, 1},
-        {"\\s\\*", "\\s\\a\\b", 1, 0}, {"/s/*", "/s/a/b", 1, 1},   // the backslash as separator
-        {"a?c", "a\\c", 1, 0},
+        {"*?", "", 0, 1},             {"?*", "", 0, 0},  // '?' in a run asks for nothing
+        {"*.TXT", "a.txt", 0, 0},     {"*a*b", "ab/ab/a", 0, 0},
+        {"'*", "*", 0, 1},            {"'*", "a", 0, 0},
+        {"\\s\\*", "\\s\\a\\b", 1, 0}, {"/s/*", "/s/a/b", 1, 1},  // the backslash as separator
     };
     for (const Case& c : cases)
         EXPECT_EQ(TemplateMatch(c.text, Convert(c.written).c_str(), c.useBackslash), c.result)
@@ -77,18 +72,10 @@ TEST(TemplateMatch, AgreesWithTheRecursiveRuleOnEverySmallCase) {
     EXPECT_EQ(mismatches, 0);
 }
 
-TEST(Templates, ListsAndTheSelectionRule) {
+TEST(Templates, SelectionRule) {
     AuditRoot root{};
-    for (const char* text : {"a*", "'?b", "c"}) AddIncludeFile(&root, text);
-    std::vector<std::string> orig, match;
-    for (TemplateRec* t = root.includeFiles; t; t = t->next) {
-        EXPECT_EQ(t->matchText, reinterpret_cast<char*>(t + 1));  // both texts in the record's block
-        EXPECT_EQ(t->origText, t->matchText + t->matchLength + 1);
-        orig.push_back(t->origText);
-        match.push_back(t->matchText);
-    }
-    EXPECT_EQ(orig, (std::vector<std::string>{"c", "'?b", "a*"}));  // newest first
-    EXPECT_EQ(match, (std::vector<std::string>{"c", "?b", "a\x02"}));
+    AddIncludeFile(&root, "a*");
+    AddIncludeFile(&root, "'?b");
     AddExcludeFile(&root, "*.o");
     AddIncludeDir(&root, "/s*");
     AddExcludeDir(&root, "/sx");
