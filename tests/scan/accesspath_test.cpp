@@ -16,26 +16,18 @@ TEST(AccessPaths, JoinBaseMiddleAndNameAndTurnBackslashesIntoSlashes) {
         {nullptr, "/vol/data", "/a/b", nullptr, nullptr, "/vol/data/a/b", 16 + 10 + 2 * 6},
         {nullptr, "/vol/data", "/a/b", "f", nullptr, "/vol/data/a/b/f", 16 + 10 + 2 * 7},
         {nullptr, "/vol/data", "/", "f", nullptr, "/vol/data/f", 16 + 10 + 2 * 4},
-        // Middle part: no leading separator, a trailing one, a lone backslash, empty, null.
+        // Middle part: no leading separator, a trailing one, a lone backslash, null.
         {nullptr, "/r", "a/b", "f", nullptr, "/r/a/b/f", 16 + 3 + 2 * 6},
         {nullptr, "/r", "/a/b/", "f", nullptr, "/r/a/b/f", 16 + 3 + 2 * 8},
-        {nullptr, "/r", "/a/b/", nullptr, nullptr, "/r/a/b", 16 + 3 + 2 * 7},
         {nullptr, "/r", "\\", "f", nullptr, "/r/f", 16 + 3 + 2 * 4},
-        {nullptr, "/r", "", "f", nullptr, "/r/f", 16 + 3 + 2 * 3},
-        {nullptr, "/r", "", nullptr, nullptr, "/r", 16 + 3 + 2 * 2},
         {nullptr, "/r", nullptr, "f", nullptr, "/r/f", 16 + 3 + 2 * 1},
-        {nullptr, "/r", nullptr, nullptr, nullptr, "/r", 16 + 3},
-        {nullptr, "/r", "//a", "f", nullptr, "/r//a/f", 16 + 3 + 2 * 6},
         // Name: one leading separator is skipped; an empty name keeps the trailing "/".
         {nullptr, "/r", "/a", "/f", nullptr, "/r/a/f", 16 + 3 + 2 * 6},
-        {nullptr, "/r", "/a", "\\f", nullptr, "/r/a/f", 16 + 3 + 2 * 6},
         {nullptr, "/r", "/a", "", nullptr, "/r/a/", 16 + 3 + 2 * 4},
         // Backslashes anywhere come out as "/".
         {nullptr, "C:\\vol", "\\a\\b", "x\\y", nullptr, "C:/vol/a/b/x/y", 16 + 7 + 2 * 9},
-        {nullptr, "/r", "/a/b\\", nullptr, nullptr, "/r/a/b", 16 + 3 + 2 * 7},
         // With a prefix both paths are built, the prefixed one first.
         {"\\\\srv", "/r", "/a", "f", "//srv/a/f", "/r/a/f", 5 + 17 + 3 + 2 * 5},
-        {"//p", nullptr, "/a", nullptr, "//p/a", nullptr, 3 + 17 + 2 * 4},
         // No path but a name: both strings need the middle "/" that C does not
         // count, so the exact 16 + 5 + 5 replaces the formula's 19 + 3 + 2.
         {"/p", "/r", nullptr, "f", "/p/f", "/r/f", 16 + 5 + 5},

@@ -6,30 +6,6 @@
 #include "config/roots.h"
 #include "log/log.h"
 #include "scan/totals.h"
-#include "tests/config/config_testutil.h"
-
-TEST(DisplayTemplateSummary, ListsTemplatesAsWrittenNewestFirst) {
-    AuditRoot root{};
-    for (const char* t : {"/a", "/b/*", "/c'*"}) AddIncludeDir(&root, t);
-    AddExcludeFile(&root, "*.o");
-    AuditRoot empty{};
-    const std::pair<const AuditRoot*, std::string> cases[] = {
-        {&empty, " Include dirs: all\n Exclude dirs: none\nInclude files: all\nExclude files: none\n"},
-        {&root, " Include dirs: /c'*, /b/*, /a\n Exclude dirs: none\nInclude files: all\nExclude files: *.o\n"},
-    };
-    FILE* saved = logFile;
-    for (const auto& [r, expected] : cases) {
-        char* text = nullptr;
-        size_t size = 0;
-        logFile = open_memstream(&text, &size);
-        DisplayTemplateSummary(r);
-        fclose(logFile);
-        EXPECT_EQ(std::string(text, size), expected);
-        free(text);
-    }
-    logFile = saved;
-    FreeTemplateLists(&root);
-}
 
 TEST(DisplayTotals, PrintsOptionalLinesOnlyForPositiveCountsAndMetricSizes) {
     struct Case {
@@ -39,9 +15,6 @@ TEST(DisplayTotals, PrintsOptionalLinesOnlyForPositiveCountsAndMetricSizes) {
         uint64_t capacity, total, available;
         std::string expected;
     } cases[] = {
-        {"nothing optional", 1, 0, 0, 0, 0, 1000000, 7, 999999,
-         "---- Totals ----\n\n\tDirectories: 1\n\tFiles: 0\n\tVolume capacity: 1.00mb (1,000,000)\n"
-         "\tTotal file size:  bytes\n\tAvailable space: 999.99 bytes\n"},
         {"every line", 12, 3, 40, 2, 5, 1234567, 5000000000, 2500000000000,
          "---- Totals ----\n\n\tDirectories: 12\n\tEmpty dirs: 3\n\tFiles: 40\n"
          "\tVolume capacity: 1.23mb (1,234,567)\n\tTotal file size: 5.00gb (5,000,000,000)\n"
