@@ -1,20 +1,30 @@
+// Compression of the detail file: in place when it is closed, back when it is
+// opened, the zlib streams themselves, and the failures of both directions.
+#include <dirent.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
+#include <ctime>
 #include <random>
+#include <set>
 
 #include "detail/compress.h"
+#include "detail/dtlclose.h"
 #include "tests/support/testutil.h"
 
+namespace {
+
 // Detail-like content: 48-byte records with varying fields and names.
-static std::string DetailLike(size_t bytes) {
+std::string DetailLike(size_t bytes) {
     std::string s;
     std::mt19937 rng(7);
     for (uint32_t i = 0; s.size() < bytes; i++) {
         char record[48] = {};
-        uint32_t fields[] = {0x80000000u, 1000, 1000, 5000000 + i, 0100644, static_cast<uint32_t>(1700000000 + rng() % 86400)};
+        uint32_t fields[] = {0x80000000u, 1000, 1000, 5000000 + i, 0100644,
+                             static_cast<uint32_t>(1700000000 + rng() % 86400)};
         memcpy(record, fields, sizeof fields);
         s.append(record, sizeof record);
         s += "file-" + std::to_string(rng() % 5000) + ".txt";
@@ -24,16 +34,33 @@ static std::string DetailLike(size_t bytes) {
     return s;
 }
 
-static std::string Random(size_t bytes) {
+std::string Random(size_t bytes) {
     std::mt19937 rng(11);
     std::string s(bytes, '\0');
     for (char& c : s) c = static_cast<char>(rng());
     return s;
 }
 
+std::set<std::string> Entries(const std::string& dir) {
+    std::set<std::string> names;
+    DIR* d = opendir(dir.c_str());
+    while (dirent* e = d ? readdir(d) : nullptr)
+        if (strcmp(e->d_name, ".") != 0 && strcmp(e->d_name, "..") != 0) names.insert(e->d_name);
+    if (d) closedir(d);
+    return names;
+}
+
+// Everything left in the stream; closes it.
+std::string Rest(FILE* f) {
+    std::string s;
+    for (int c; (c = fgetc(f)) != EOF;) s += static_cast<char>(c);
+    fclose(f);
+    return s;
+}
+
 // Runs op with standard output captured; returns what it printed.
 template <typename Op>
-static std::string Stdout(Op op) {
+std::string Stdout(Op op) {
     testing::internal::CaptureStdout();
     op();
     return testing::internal::GetCapturedStdout();
@@ -41,47 +68,62 @@ static std::string Stdout(Op op) {
 
 // Our streams restore every byte and the permissions, and an independent zlib
 // (python's) reads them; ours reads its level-1 streams, whose header is 0x78 0x01.
-TEST(Compression, RoundTripsAgreeWithAnIndependentZlib) {
+TEST(Compression, InPlaceRoundTripsAgreeWithAnIndependentZlib) {
     const char* zlib = "import sys, zlib\n"
                        "data = open(sys.argv[2], 'rb').read()\n"
                        "out = zlib.compress(data, 1) if sys.argv[1] == 'c' else zlib.decompress(data)\n"
                        "open(sys.argv[3], 'wb').write(out)\n";
-    struct Case {
-        const char* what;
-        std::string plain;
-    } cases[] = {
-        {"empty", ""},
-        {"small", "FDTL" + std::string(84, '\0') + "one record"},
-        {"compressible, several buffers", DetailLike(2 * COMPRESS_BUFFER_SIZE + 12345)},
-        {"incompressible, several buffers", Random(2 * COMPRESS_BUFFER_SIZE + 777)},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.what);
+    const std::string cases[] = {"", "FDTL" + std::string(84, '\0') + "one record",
+                                 DetailLike(2 * COMPRESS_BUFFER_SIZE + 12345), Random(2 * COMPRESS_BUFFER_SIZE + 777)};
+    for (const std::string& plain : cases) {
+        SCOPED_TRACE(plain.size());
         ScopedTempDir dir;
-        WriteFile(dir / "plain", c.plain);
-        chmod((dir / "plain").c_str(), 0640);
-        ASSERT_EQ(compressFile((dir / "plain").c_str(), (dir / "packed").c_str()), 0);
-        EXPECT_EQ(ReadFile(dir / "packed").substr(0, 2), "\x78\x01");
-        ASSERT_EQ(decompressFile((dir / "packed").c_str(), (dir / "back").c_str()), 0);
-        EXPECT_TRUE(ReadFile(dir / "back") == c.plain);
+        const std::string path = dir / "ferro.dtl";
+        WriteFile(path, plain);
+        chmod(path.c_str(), 0640);
+        EXPECT_EQ(Stdout([&] { CloseDtlFile(fopen(path.c_str(), "rb"), path.c_str(), 1); }), "Compressing DTL file\n");
+        EXPECT_EQ(ReadFile(path).substr(0, 2), "\x78\x01");
+        EXPECT_EQ(Entries(dir.path), std::set<std::string>{"ferro.dtl"});
+        RunResult r = RunProgram("python3", {"-c", zlib, "d", path, dir / "theirs-back"});
+        ASSERT_EQ(r.status, 0) << r.err;
+        EXPECT_TRUE(ReadFile(dir / "theirs-back") == plain);
+
+        int wasCompressed = 0;
+        FILE* opened = nullptr;
+        EXPECT_EQ(Stdout([&] { opened = OpenDtlFile(path.c_str(), "rb", &wasCompressed); }),
+                  "Decompressing DTL file\n");
+        EXPECT_EQ(wasCompressed, 1);
+        EXPECT_TRUE(Rest(opened) == plain);
+        EXPECT_TRUE(ReadFile(path) == plain);
         struct stat st;
-        ASSERT_EQ(stat((dir / "back").c_str(), &st), 0);
+        ASSERT_EQ(stat(path.c_str(), &st), 0);
         EXPECT_EQ(st.st_mode & 0777, 0640u);
 
-        RunResult r = RunProgram("python3", {"-c", zlib, "d", dir / "packed", dir / "theirs-back"});
-        ASSERT_EQ(r.status, 0) << r.err;
-        EXPECT_TRUE(ReadFile(dir / "theirs-back") == c.plain);
-        r = RunProgram("python3", {"-c", zlib, "c", dir / "plain", dir / "theirs"});
+        r = RunProgram("python3", {"-c", zlib, "c", path, dir / "theirs"});
         ASSERT_EQ(r.status, 0) << r.err;
         ASSERT_EQ(decompressFile((dir / "theirs").c_str(), (dir / "ours-back").c_str()), 0);
-        EXPECT_TRUE(ReadFile(dir / "ours-back") == c.plain);
+        EXPECT_TRUE(ReadFile(dir / "ours-back") == plain);
     }
+}
+
+TEST(Compression, PlainFilesOpenUnchangedAtTheirStart) {
+    ScopedTempDir dir;
+    const std::string path = dir / "ferro.dtl";
+    for (const std::string& plain : {std::string("IDTL") + std::string(84, '\1'), std::string("x"), std::string()}) {
+        WriteFile(path, plain);
+        int wasCompressed = 7;
+        EXPECT_EQ(Rest(OpenDtlFile(path.c_str(), "r+b", &wasCompressed)), plain);
+        EXPECT_EQ(wasCompressed, 7);
+        EXPECT_EQ(ReadFile(path), plain);
+    }
+    // Without the zip flag the file is only closed.
+    CloseDtlFile(fopen(path.c_str(), "rb"), path.c_str(), 0);
+    EXPECT_EQ(ReadFile(path), "");
 }
 
 TEST(Compression, BadStreamsFailWithTheirStatusAndLeaveNoOutput) {
     ScopedTempDir dir;
-    std::string plain = DetailLike(COMPRESS_BUFFER_SIZE + 999);
-    WriteFile(dir / "plain", plain);
+    WriteFile(dir / "plain", DetailLike(COMPRESS_BUFFER_SIZE + 999));
     ASSERT_EQ(compressFile((dir / "plain").c_str(), (dir / "good").c_str()), 0);
     const std::string good = ReadFile(dir / "good");
     auto flipped = [&](size_t at, int bits) {
@@ -90,20 +132,17 @@ TEST(Compression, BadStreamsFailWithTheirStatusAndLeaveNoOutput) {
         return s;
     };
     struct Case {
-        const char* what;
         std::string packed;
         int status;
     } cases[] = {
-        // The first block's type turns from dynamic (2) into the invalid 3.
-        {"corrupt deflate data", flipped(2, 0x02), INFLATE_CORRUPT},
-        {"wrong trailer", flipped(good.size() - 1, 0x01), INFLATE_BAD_CHECKSUM},
-        {"other zlib header", "\x78\x9c" + good.substr(2), INFLATE_BAD_HEADER},
-        {"header only", "\x78\x01", INFLATE_TRUNCATED},
-        {"cut inside the stream", good.substr(0, good.size() / 2), INFLATE_TRUNCATED},
-        {"bytes after the trailer", good + "x", INFLATE_TRAILING_DATA},
+        {flipped(2, 0x02), INFLATE_CORRUPT},  // the first block's type turns from dynamic (2) into the invalid 3
+        {flipped(good.size() - 1, 0x01), INFLATE_BAD_CHECKSUM},
+        {"\x78\x9c" + good.substr(2), INFLATE_BAD_HEADER},
+        {good.substr(0, good.size() / 2), INFLATE_TRUNCATED},
+        {good + "x", INFLATE_TRAILING_DATA},
     };
     for (const auto& c : cases) {
-        SCOPED_TRACE(c.what);
+        SCOPED_TRACE(c.status);
         WriteFile(dir / "bad", c.packed);
         int result = -1;
         std::string out = Stdout([&] { result = decompressFile((dir / "bad").c_str(), (dir / "out").c_str()); });
@@ -113,3 +152,60 @@ TEST(Compression, BadStreamsFailWithTheirStatusAndLeaveNoOutput) {
         EXPECT_FALSE(PathExists(dir / "out"));
     }
 }
+
+// Every failure ends the run with its message, leaves the detail file as it
+// was, removes its own temporary file and never touches anyone else's.
+TEST(Compression, FailuresAreFatalAndLeaveTheOriginalAndNoTemporaryFile) {
+    ScopedTempDir dir;
+    const std::string plain = DetailLike(COMPRESS_BUFFER_SIZE + 100), path = dir / "ferro.dtl";
+    const std::string packedPath = dir / "packed.dtl", missing = dir / "missing";
+    WriteFile(path, plain);
+    ASSERT_EQ(compressFile(path.c_str(), packedPath.c_str()), 0);
+    const std::string packed = ReadFile(packedPath);
+    std::string corrupt = packed;
+    corrupt[corrupt.size() - 1] ^= 1;
+    // A path whose temporary name does not fit the 1024-byte name buffer.
+    std::string deep = dir.path;
+    for (int i = 0; i < 5; i++) mkdir((deep += "/" + std::string(200, 'd')).c_str(), 0700);
+    const std::string tooLong = deep + "/ferro.dtl";
+    const std::string exists = "'\n  \\(p17\\) File exists\n";
+    struct Case {
+        std::string path, content;
+        char plant;  // in the temporary names: 'f' a file, 'l' a link to a file
+        bool compress;
+        std::string message;
+    } cases[] = {
+        {path, plain, 'f', true, "Error. Could not write temp file for decompressing '" + path + exists},
+        {packedPath, packed, 'l', false, "Error. Could not write temp file for decompressing '" + packedPath + exists},
+        {packedPath, corrupt, 0, false,
+         "Error occurred during decompression of '" + packedPath + "'\nCould not write temp file: " + packedPath +
+             "-[0-9]+.tmp\n  \\(p74\\) Bad message\n"},
+        {tooLong, plain, 0, true,
+         "DTL file path too long for its temporary file \\(more than 1023 bytes\\): '" + tooLong + "'\n"},
+        {missing, "", 0, true, "Couldn't find DTL file: '" + missing + "'\n  \\(p2\\) No such file or directory\n"},
+    };
+    WriteFile(dir / "target", "link target");
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.message);
+        if (c.path != missing) WriteFile(c.path, c.content);
+        std::vector<std::string> temps;  // the names the run may pick in the next few seconds
+        for (time_t t = time(nullptr), end = t + 3; t < end; t++)
+            temps.push_back(c.path + "-" + std::to_string(t) + ".tmp");
+        for (const std::string& temp : temps) {
+            if (c.plant == 'f') WriteFile(temp, "planted");
+            ASSERT_TRUE(c.plant != 'l' || symlink((dir / "target").c_str(), temp.c_str()) == 0) << temp;
+        }
+        const std::set<std::string> before = Entries(dir.path);
+        if (c.compress) {
+            EXPECT_EXIT(CloseDtlFile(nullptr, c.path.c_str(), 1), testing::ExitedWithCode(1), c.message);
+        } else {
+            EXPECT_EXIT(OpenDtlFile(c.path.c_str(), "rb", nullptr), testing::ExitedWithCode(1), c.message);
+        }
+        EXPECT_EQ(Entries(dir.path), before);
+        EXPECT_TRUE(c.path == missing || ReadFile(c.path) == c.content);
+        EXPECT_EQ(ReadFile(dir / "target"), "link target");
+        for (const std::string& temp : temps) unlink(temp.c_str());
+    }
+}
+
+}  // namespace

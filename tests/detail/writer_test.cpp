@@ -73,11 +73,6 @@ struct WriterRun {
         memset(&record->statData, 0, sizeof record->statData + sizeof record->name);
     }
 
-    void Start(const FakeDir& d) {
-        Event(RECORD_DIR_START, d.path);
-        LogDetailData(record);
-    }
-
     void End(const FakeDir& d) {
         Event(RECORD_DIR_END, d.path);
         for (const FakeEntry& e : d.entries) {
@@ -117,15 +112,13 @@ struct WriterRun {
         WriteLogHeaders();
         root->dtlStartPos = DtlPosition();
         std::vector<const FakeDir*> open;
-        auto within = [](const std::string& path, const std::string& dir) {
-            return dir == "/" || path.rfind(dir + "/", 0) == 0;
+        auto within = [](const std::string& path, const FakeDir* dir) {
+            return dir->path == "/" || path.rfind(dir->path + "/", 0) == 0;
         };
         for (const FakeDir& d : scan.dirs) {
-            while (!open.empty() && !within(d.path, open.back()->path)) {
-                End(*open.back());
-                open.pop_back();
-            }
-            Start(d);
+            for (; !open.empty() && !within(d.path, open.back()); open.pop_back()) End(*open.back());
+            Event(RECORD_DIR_START, d.path);
+            LogDetailData(record);
             open.push_back(&d);
             if (d.entries.empty()) root->emptyDirCount++;
             for (const FakeEntry& e : d.entries) {
@@ -133,10 +126,7 @@ struct WriterRun {
                 Entry(d.path, e);
             }
         }
-        while (!open.empty()) {
-            End(*open.back());
-            open.pop_back();
-        }
+        for (; !open.empty(); open.pop_back()) End(*open.back());
         root->dirCount = static_cast<uint32_t>(scan.dirs.size()) + scan.extraDirs;
         LogRootTotals(root);
         fflush(dtlFile);
@@ -159,7 +149,8 @@ TEST(Writer, ProducesExactlyTheBuilderBytes) {
     for (uint32_t i = 0; i < 40000; i++)
         wide.dirs[0].entries.push_back({.name = std::string(90, 'n') + std::to_string(i), .size = i, .inode = 100 + i});
     wide.dirs[0].entries.push_back({.name = "d", .mode = S_IFDIR | 0755, .size = 4096, .links = 2, .inode = 99});
-    for (uint32_t i = 0; i < 3; i++) wide.dirs[1].entries.push_back({.name = "h" + std::to_string(i), .size = 5000000000ull, .links = 3, .inode = 7});
+    for (uint32_t i = 0; i < 3; i++)
+        wide.dirs[1].entries.push_back({.name = "h" + std::to_string(i), .size = 5000000000ull, .links = 3, .inode = 7});
 
     for (const FakeScan* scan : {&sample, &bare, &empty, &wide}) {
         SCOPED_TRACE(scan->dirs[0].entries.size());
