@@ -71,18 +71,9 @@ TEST(ProcessSubdir, ASubdirectoryReplacedSinceItWasListedIsReportedNotFollowed) 
         node->name = memory + sizeof(SubdirNode);
         memcpy(node->name, name, node->nameLen);
         int rootFd = open(dir.path.c_str(), O_RDONLY | O_DIRECTORY);
-        char* text = nullptr;
-        size_t size = 0;
-        errFile = open_memstream(&text, &size);
-        errLogCombined = 1;
-        ProcessSubdir(&root, "/", node, rootFd, 1);
-        fclose(errFile);
-        errFile = nullptr;
-        errLogCombined = 0;
-        close(rootFd);
-        EXPECT_EQ(std::string(text, size),
+        EXPECT_EQ(WrittenTo(errFile, [&] { ProcessSubdir(&root, "/", node, rootFd, 1); }),
                   "Unable to open directory '" + dir.path + "/" + name + "'\n  (p20) Not a directory\n");
-        free(text);
+        close(rootFd);
         EXPECT_EQ(root.dirCount, 1u);  // counted like any directory that cannot be opened
     }
 }

@@ -2,7 +2,6 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include "log/log.h"
 #include "scan/recall.h"
 #include "tests/support/testutil.h"
 
@@ -20,19 +19,11 @@ TEST(ForceFileRecall, LeavesLengthAndContentAndReportsEachFailure) {
         WriteFile(dir / "f", "offline data");
         int fd = open((dir / "f").c_str(), c.openFlags);
         ASSERT_GE(fd, 0);
-        char* text = nullptr;
-        size_t size = 0;
-        errFile = open_memstream(&text, &size);
-        errLogCombined = 1;  // each message once, to the error output
         alignas(16) char memory[64];
         ASSERT_LE(AccessStructLength(nullptr, "/r", "/", "f"), static_cast<int>(sizeof memory));
-        ForceFileRecall(fd, 12, BuildAccessPaths(nullptr, "/r", "/", "f", memory));
+        AccessPaths* paths = BuildAccessPaths(nullptr, "/r", "/", "f", memory);
+        EXPECT_EQ(WrittenTo(errFile, [&] { ForceFileRecall(fd, 12, paths); }), c.errors);
         close(fd);
-        fclose(errFile);
-        errFile = nullptr;
-        errLogCombined = 0;
-        EXPECT_EQ(std::string(text, size), c.errors);
-        free(text);
         EXPECT_EQ(ReadFile(dir / "f"), "offline data");
     }
 }

@@ -3,8 +3,13 @@
 #pragma once
 
 #include <cstdint>
+#include <cstdio>
+#include <cstdlib>
 #include <string>
+#include <utility>
 #include <vector>
+
+#include "log/log.h"
 
 /// A fresh directory under the system's temporary directory, removed with
 /// everything in it when the object goes out of scope.
@@ -51,6 +56,24 @@ std::string FerrovanPath();
 std::string DtldumpPath();
 /// Runs Ferrovan with args.
 RunResult RunFerrovan(const std::vector<std::string>& args, const RunOptions& options = {});
+
+/// Runs op with stream (the program's logFile or errFile) pointed at memory,
+/// and with errors written once, to errFile only; returns what op wrote there.
+template <typename Op>
+std::string WrittenTo(FILE*& stream, Op op) {
+    char* text = nullptr;
+    size_t size = 0;
+    FILE* saved = stream;
+    stream = open_memstream(&text, &size);
+    const int combined = std::exchange(errLogCombined, 1);
+    op();
+    fclose(stream);
+    stream = saved;
+    errLogCombined = combined;
+    std::string written(text, size);
+    free(text);
+    return written;
+}
 
 /// Little-endian readers for checking binary layouts.
 uint16_t Le16(const std::string& bytes, size_t offset);
