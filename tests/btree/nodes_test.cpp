@@ -1,5 +1,5 @@
-// Node caches and page files: cache sizes, least-recently-used replacement,
-// 64-bit page offsets, exclusive creation, and fatal page-file failures.
+// Page files: 64-bit page offsets, exclusive creation, nothing left behind,
+// and fatal page-file failures.
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -16,61 +16,7 @@ namespace {
 
 int OpenDescriptors() { return EntriesIn("/proc/self/fd"); }
 
-std::vector<uint32_t> CachedNumbers(const NodeTable& table) {
-    std::vector<uint32_t> numbers;
-    for (uint32_t i = 0; i < table.count; i++) numbers.push_back(table.nodes[i]->nodeNumber);
-    return numbers;
-}
-
 using NodeCacheTest = TreeTest;
-
-TEST_F(NodeCacheTest, CacheSizeFromMemoryArgument) {
-    struct Case {
-        int32_t memory;
-        uint32_t treeNodes, keyNodes;  // order 512: 6192-byte tree nodes; 128 x 8-byte keys: 2584-byte key nodes
-    };
-    const Case cases[] = {
-        {-513, 513, 513},
-        {0, 50000000 / 6192, 100000000 / 2584},
-        {20000, 3, 7},
-        {100, MIN_CACHED_NODES, MIN_CACHED_NODES},  // below one node: raised to the floor
-        {-1, MIN_CACHED_NODES, MIN_CACHED_NODES},
-    };
-    for (const Case& c : cases) {
-        TreeHeader* tree = TreePlant(0, 512, c.memory, nullptr, 128, 8, 0, c.memory, nullptr, nullptr, nullptr, nullptr);
-        EXPECT_EQ(tree->treeNodes.capacity, c.treeNodes) << c.memory;
-        EXPECT_EQ(tree->keyNodes.capacity, c.keyNodes) << c.memory;
-        EXPECT_EQ(tree->treeNodes.nodeSize, 6192u);
-        EXPECT_EQ(tree->keyNodes.nodeSize, 2584u);
-        TreeFree(tree);
-    }
-}
-
-TEST_F(NodeCacheTest, LeastRecentlyUsedNodeIsWrittenBackAndReadAgain) {
-    TreeHeader* tree = PlantKeys4(4, 3, 2);
-    NodeTable* table = &tree->treeNodes;
-    uint32_t size = table->nodeSize;
-    for (int i = 0; i < 3; i++) Entries(_getNewTreeNode(tree))[0].keySlot = 100 + i;
-    EXPECT_EQ(CachedNumbers(*table), (std::vector<uint32_t>{1, 2, 3}));
-    _treeNodeAddr(tree, 1);  // touching node 1 spares it: node 2 is the oldest now
-    _getNewTreeNode(tree);
-    EXPECT_EQ(CachedNumbers(*table), (std::vector<uint32_t>{1, 3, 4}));
-    struct stat st;
-    fstat(table->fd, &st);
-    EXPECT_EQ(st.st_size, 3 * size);  // node 2 at its offset; node 0 and node 1 never written
-    std::vector<char> page(size);
-    pread(table->fd, page.data(), size, 0);
-    EXPECT_EQ(std::vector<char>(size, 0), page);
-
-    TreeNode* back = _treeNodeAddr(tree, 2);  // evicts node 3 and takes its buffer
-    EXPECT_EQ(back->head.nodeNumber, 2u);
-    EXPECT_EQ(Entries(back)[0].keySlot, 101u);
-    EXPECT_EQ(back->capacity, 4u);
-    EXPECT_EQ(CachedNumbers(*table), (std::vector<uint32_t>{1, 2, 4}));
-    EXPECT_EQ(Entries(_treeNodeAddr(tree, 3))[0].keySlot, 102u);
-    EXPECT_EQ(CachedNumbers(*table), (std::vector<uint32_t>{2, 3, 4}));
-    TreeFree(tree);
-}
 
 TEST_F(NodeCacheTest, PageOffsetsBeyondTwoGibibytes) {
     TreeHeader* tree = TreePlant(0, 512, -2, nullptr, 128, 8, 0, -2, nullptr, nullptr, nullptr, nullptr);
