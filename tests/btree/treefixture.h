@@ -3,7 +3,6 @@
 // the default comparison orders numerically.
 #pragma once
 
-#include <dirent.h>
 #include <gtest/gtest.h>
 
 #include <cstdint>
@@ -13,15 +12,8 @@
 #include "support/helpers.h"
 #include "tests/support/testutil.h"
 
-/// Names in a directory other than . and ..
-inline int EntriesIn(const std::string& path) {
-    DIR* dir = opendir(path.c_str());
-    if (!dir) return -1;
-    int n = 0;
-    while (dirent* e = readdir(dir)) n += std::string(e->d_name) != "." && std::string(e->d_name) != "..";
-    closedir(dir);
-    return n;
-}
+/// Number of names in a directory other than . and ..
+inline int EntriesIn(const std::string& path) { return static_cast<int>(Entries(path).size()); }
 
 /// Temporary page files are made in dir; nothing may be left in it.
 struct TreeTest : testing::Test {

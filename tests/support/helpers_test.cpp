@@ -3,7 +3,6 @@
 #include <cerrno>
 #include <cstring>
 
-#include "support/byteorder.h"
 #include "support/helpers.h"
 #include "tests/support/testutil.h"
 
@@ -19,17 +18,6 @@ TEST(PathCmp, SortsSeparatorFirstButAfterTheEnd) {
         {"/a/b", "/ab", -1}, {"/A", "/a", -1},     {"/a\xff", "/a", -1}, {"/a\xff", "/a/", 1},
     };
     for (const auto& c : cases) EXPECT_EQ(Sign(PathCmp(c.a, c.b)), c.sign) << c.a << " vs " << c.b;
-}
-
-TEST(ByteOrder, ReversesOnlyOnABigEndianHost) {
-    ASSERT_EQ(WhichEnd(), 2);
-    EXPECT_EQ(logInt(0x01020304u), 0x01020304u);
-    const int32_t saved = endianType;
-    endianType = 1;  // as a big-endian host records it
-    EXPECT_EQ(logInt64(0x0102030405060708ull), 0x0807060504030201ull);
-    EXPECT_EQ(logInt(0x01020304u), 0x04030201u);
-    EXPECT_EQ(logShort(0xAABB0102u), 0x0201u);
-    endianType = saved;
 }
 
 TEST(Strtoul64, ReadsLeadingDigitsOnly) {

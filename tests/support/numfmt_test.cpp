@@ -12,11 +12,9 @@ TEST(NumFmtTest, GroupsDigits) {
         char separator;
         const char* text;
     } cases[] = {
-        {1234, ',', "1,234"},
-        {1234567, ',', "1,234,567"},
+        {1234, ',', "1,234"}, {1234567, ',', "1,234,567"},
         {-123, ',', "-,123"},  // the sign counts as a digit
-        {-12, ',', "-12"},
-        {INT64_MIN, ',', "-9,223,372,036,854,775,808"},
+        {-12, ',', "-12"}, {INT64_MIN, ',', "-9,223,372,036,854,775,808"},
         {1235, '.', "1.23"},  // thousandths cut to two decimals
         {7, '.', ""},
     };
@@ -31,13 +29,9 @@ TEST(NumFmtTest, EditsByteCountsInMetricUnits) {
         uint64_t value;
         const char* text;
     } cases[] = {
-        {0, " bytes"},
-        {500, "50 bytes"},
-        {999999, "999.99 bytes"},
-        {1000001, "1.00mb (1,000,001)"},
+        {0, " bytes"}, {500, "50 bytes"}, {999999, "999.99 bytes"}, {1000001, "1.00mb (1,000,001)"},
         {999999999, "1.000.00mb (999,999,999)"},  // 1,000,000 thousandths, grouped with '.'
-        {5500000000, "5.50gb (5,500,000,000)"},
-        {2500000000000, "2.50tb (2,500,000,000,000)"},
+        {5500000000, "5.50gb (5,500,000,000)"}, {2500000000000, "2.50tb (2,500,000,000,000)"},
     };
     for (const auto& c : cases) {
         char buf[NUM_BUF_SIZE];

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -29,6 +30,8 @@ void WriteFile(const std::string& path, const std::string& bytes);
 std::string ReadFile(const std::string& path);
 /// True when something exists at path (links are not followed).
 bool PathExists(const std::string& path);
+/// The names in a directory other than . and .. (none when it cannot be read).
+std::set<std::string> Entries(const std::string& dir);
 
 /// What a finished program left behind.
 struct RunResult {

@@ -12,8 +12,7 @@ TEST(Utf8Test, DecodesWithTheSuitesMasks) {
         std::string utf;
         std::wstring wide;
     } cases[] = {
-        {"", L""},
-        {"a\xC3\xA9z", L"a\xE9z"},
+        {"", L""}, {"a\xC3\xA9z", L"a\xE9z"},
         {"\xE2\x82\xAC", std::wstring(1, wchar_t(0xE20AC))},  // lead byte's top bits kept
         {"\xE0\x90\x80", std::wstring(1, wchar_t(0xE0400))},
         {"\x80\x81\x82", std::wstring(1, wchar_t(0x80042))},  // a stray continuation is a three-byte lead
@@ -31,11 +30,7 @@ TEST(Utf8Test, EncodesWithTheThreeByteFormFrom0x400) {
         std::wstring wide;
         std::string utf;
     } cases[] = {
-        {L"", ""},
-        {L"\x7F", "\x7F"},
-        {L"\x80", "\xC2\x80"},
-        {L"\x3FF", "\xCF\xBF"},
-        {L"\x400", "\xE0\x90\x80"},
+        {L"", ""}, {L"\x7F", "\x7F"}, {L"\x80", "\xC2\x80"}, {L"\x3FF", "\xCF\xBF"}, {L"\x400", "\xE0\x90\x80"},
         {L"\xFFFF", "\xEF\xBF\xBF"},
         {std::wstring(1, wchar_t(0x12345)), "\xE2\x8D\x85"},  // bits above 16 are lost
         {std::wstring(1, wchar_t(-2)), "\xFE"},               // negative: one byte
