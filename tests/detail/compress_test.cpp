@@ -1,6 +1,5 @@
 // Compression of the detail file: in place when it is closed, back when it is
 // opened, the zlib streams themselves, and the failures of both directions.
-#include <dirent.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -39,15 +38,6 @@ std::string Random(size_t bytes) {
     std::string s(bytes, '\0');
     for (char& c : s) c = static_cast<char>(rng());
     return s;
-}
-
-std::set<std::string> Entries(const std::string& dir) {
-    std::set<std::string> names;
-    DIR* d = opendir(dir.c_str());
-    while (dirent* e = d ? readdir(d) : nullptr)
-        if (strcmp(e->d_name, ".") != 0 && strcmp(e->d_name, "..") != 0) names.insert(e->d_name);
-    if (d) closedir(d);
-    return names;
 }
 
 // Everything left in the stream; closes it.

@@ -55,20 +55,15 @@ FakeFile BuildDetail(const FakeScan& scan) {
         uint32_t dFiles = 0, dSubdirs = 0;
         uint64_t dBytes = 0;
         for (const FakeEntry& e : d.entries) {
-            if (S_ISDIR(e.mode)) {
-                dSubdirs++;
-            } else {
-                dFiles++;
-                dBytes += e.size;
-            }
+            (S_ISDIR(e.mode) ? dSubdirs : dFiles)++;
+            if (!S_ISDIR(e.mode)) dBytes += e.size;
         }
         for (uint32_t v : {0x40000000u, 0u, 0u, 0u, 0u, 0u, dFiles, dSubdirs}) Put(b, v, 4);
         Put(b, dBytes, 8);
         Put(b, 0, 4);
         Put(b, d.path.size() + 1, 2);
         Put(b, 0, 2);
-        b += d.path;
-        b += '\0';
+        b += d.path + '\0';
         if (d.entries.empty()) empty++;
         for (const FakeEntry& e : d.entries) {
             uint64_t pos = b.size();
@@ -78,28 +73,21 @@ FakeFile BuildDetail(const FakeScan& scan) {
             uint32_t flags = 0x80000000 | (symlink ? 0x10000 : 0) | (hard ? 0x20000 : 0);
             if (!S_ISDIR(e.mode)) files++;
             if (symlink) symlinks++;
+            // A hard-linked inode's size counts once; its entries chain back.
+            auto last = lastLink.find(e.inode);
+            if (!hard || last == lastLink.end()) total += e.size;
             if (hard) {
-                uint64_t rel = table.size();
-                auto it = lastLink.find(e.inode);
-                uint64_t prev = it == lastLink.end() ? 0 : it->second;
-                if (it == lastLink.end()) total += e.size;
-                lastLink[e.inode] = rel;
-                for (uint64_t v : {prev, dirPos, pos}) Put(table, v, 8);
+                for (uint64_t v : {last == lastLink.end() ? 0 : last->second, dirPos, pos}) Put(table, v, 8);
+                lastLink[e.inode] = table.size() - 24;
                 hardLinks++;
-            } else {
-                total += e.size;
             }
             for (uint32_t v : {flags, e.uid, e.gid, e.inode, e.mode, e.ctime, e.atime, e.mtime}) Put(b, v, 4);
             Put(b, e.size, 8);
             Put(b, e.links, 4);
             Put(b, e.name.size() + 1, 2);
             Put(b, symlink ? e.target.size() + 1 : 0, 2);
-            b += e.name;
-            b += '\0';
-            if (symlink) {
-                b += e.target;
-                b += '\0';
-            }
+            b += e.name + '\0';
+            if (symlink) b += e.target + '\0';
         }
     }
     f.endMarkerPos = b.size();
@@ -148,21 +136,11 @@ FakeScan SampleScan() {
     FakeEntry dirX{.name = "x", .mode = S_IFDIR | 0700, .size = 4096, .links = 2, .inode = 12};
     FakeEntry dirC{.name = "c", .mode = S_IFDIR | 0755, .size = 4096, .links = 2, .inode = 13};
     s.dirs = {
-        {"/",
-         {
-             {.name = "f1", .size = 100, .inode = 20},
-             dirA,
-             {.name = "l", .mode = S_IFLNK | 0777, .size = 11, .inode = 21, .target = "/etc/passwd"},
-             {.name = "h1", .size = 50, .links = 2, .inode = 77},
-             dirB,
-             dirX,
-         }},
-        {"/a",
-         {
-             {.name = "h2", .size = 50, .links = 2, .inode = 77},
-             dirC,
-             {.name = "caf\xe9", .size = 7, .inode = 22},
-         }},
+        {"/", {{.name = "f1", .size = 100, .inode = 20}, dirA,
+               {.name = "l", .mode = S_IFLNK | 0777, .size = 11, .inode = 21, .target = "/etc/passwd"},
+               {.name = "h1", .size = 50, .links = 2, .inode = 77}, dirB, dirX}},
+        {"/a", {{.name = "h2", .size = 50, .links = 2, .inode = 77}, dirC,
+                {.name = "caf\xe9", .size = 7, .inode = 22}}},
         {"/a/c", {}},
         {"/b", {{.name = "n\nl", .mode = S_IFIFO | 0600, .inode = 23}}},
     };

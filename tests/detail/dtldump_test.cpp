@@ -62,32 +62,20 @@ TEST(DtldumpTest, PrintsASoundFile) {
 
 TEST(DtldumpTest, NamesTheFirstFaultAndExitsWithStatusOne) {
     FakeFile sample = BuildDetail(SampleScan());
-    std::string miscounted = sample.bytes;
-    PutLe(miscounted, sample.recordPos.at("dir:/a") + 24, 3, 4);
-    const std::pair<std::string, std::string> cases[] = {  // bytes, the message after "dtldump: PATH: "
-        {miscounted, "offset 862: directory \"/a\": its header record counts 3 files, but 2 file records follow it\n"},
-        {"IDTL" + sample.bytes.substr(4),
-         "offset 0: unfinished detail file: magic \"IDTL\" (the scan that wrote it did not complete)\n"},
-    };
+    PutLe(sample.bytes, sample.recordPos.at("dir:/a") + 24, 3, 4);
     ScopedTempDir dir;
     const std::string path = dir / "bad.dtl";
-    for (const auto& [bytes, err] : cases) {
-        WriteFile(path, bytes);
-        for (bool json : {false, true}) {
-            RunResult run = RunProgram(DtldumpPath(), json ? std::vector<std::string>{"--json", path}
-                                                           : std::vector<std::string>{path});
-            EXPECT_EQ(run.status, 1) << err;
-            EXPECT_EQ(run.err, "dtldump: " + path + ": " + err);
-            // JSON stays whole once the headers were printed, and names the fault too.
-            if (json && !run.out.empty()) {
-                EXPECT_TRUE(ValidJson(run.out)) << run.out;
-                EXPECT_NE(run.out.find("\"error\": {\"offset\": "), std::string::npos) << err;
-            }
-        }
+    WriteFile(path, sample.bytes);
+    for (bool json : {false, true}) {
+        RunResult run = RunProgram(DtldumpPath(), json ? std::vector<std::string>{"--json", path}
+                                                       : std::vector<std::string>{path});
+        EXPECT_EQ(run.status, 1);
+        EXPECT_EQ(run.err, "dtldump: " + path + ": offset 862: directory \"/a\": its header record counts 3 files, "
+                           "but 2 file records follow it\n");
+        // JSON stays whole after the fault and names it too.
+        EXPECT_TRUE(!json || ValidJson(run.out)) << run.out;
+        EXPECT_EQ(run.out.find("\"error\": {\"offset\": 862") != std::string::npos, json) << run.out;
     }
-    RunResult missing = RunProgram(DtldumpPath(), {"/nonexistent/f.dtl"});
-    EXPECT_EQ(missing.status, 1);
-    EXPECT_EQ(missing.err, "dtldump: /nonexistent/f.dtl: cannot open: No such file or directory\n");
 }
 
 }  // namespace
