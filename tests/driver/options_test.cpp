@@ -87,24 +87,20 @@ TEST(OptionsTest, ParsesAgainstTheTable) {
         int mode, code;
         std::string result, left;
     } cases[] = {
-        {{"-aval"}, 1, 0, "a@1=val", "_"},            {{"-a", "val", "root"}, 1, 0, "a@1=val", "_,_,root"},
-        {{"-a", "-x"}, 1, 0, "a@1 x@2", "_,_"},       // a dash word is the next option
-        {{"-a", "-7"}, 1, 0, "a@1=-7#4294967289s", "_,_"}, {{"-o", "val"}, 1, 0, "o@1", "_,val"},
+        {{"-aval"}, 1, 0, "a@1=val", "_"},
+        {{"-a", "val", "root"}, 1, 0, "a@1=val", "_,_,root"},  // the word is left for the driver
+        {{"-a", "-x"}, 1, 0, "a@1 x@2", "_,_"},                // a dash word is the next option
+        {{"-xa", "b"}, 0, 0, "a@1=b x@1", "_,_"},              // the second option of an element takes the next
+        {{"-o", "val"}, 1, 0, "o@1", "_,val"},                 // attached only
         {{"-m1", "-m", "two", "-m"}, 1, 0, "m*3[@1=1#1,@2=two,@4]", "_,_,_,_"},
-        {{"-n", "0x10"}, 1, 0, "n@1=0x10#16", "_,_"}, {{"+n", "4294967295"}, 1, 0, "n@1=4294967295#4294967295+", "_,_"},
-        {{"-lo", "-longer"}, 1, 0, "long@2=er lo@1", "_,_"},
-        {{"+v"}, 1, 0, "verbose@1+", "_"},             {{"-", "root", "-x"}, 1, 0, "x@3", "_,root,_"},
+        {{"+n", "4294967295"}, 1, 0, "n@1=4294967295#4294967295+", "_,_"},
+        {{"-lo", "-longer"}, 1, 0, "long@2=er lo@1", "_,_"},  // the longest name; text only behind "long"
+        {{"+v"}, 1, 0, "verbose@1+", "_"},
         {{"-LONG", "-V"}, 3, 0, "long@1 verbose@2", "_,_"},
-        {{"-xa", "b"}, 0, 0, "a@1=b x@1", "_,_"},
-        // Refused: the code and the element named.
-        {{"-q"}, 1, OPT_ERR_UNKNOWN, "-q", "_"},      {{"+x"}, 1, OPT_ERR_UNKNOWN, "+x", "_"},
-        {{"-lox"}, 1, OPT_ERR_UNKNOWN, "-lox", "_"},  // a long name with text behind it
-        {{"-xs"}, 1, OPT_ERR_UNKNOWN, "-xs", "_"},    // a short-alone name not alone in its element
+        {{"-lox"}, 1, OPT_ERR_UNKNOWN, "-lox", "_"},
         {{"root", "-x", "-x"}, 1, OPT_ERR_CONFLICT, "-x", "root,_,_"},
-        {{"-req", "a", "-req"}, 1, OPT_ERR_CONFLICT, "-req", "_,_,_"},  // conflict is checked first
         {{"-req", "-x"}, 3, OPT_ERR_NO_ARG, "-req", "_,-x"},
         {{"-n", "12abc"}, 1, OPT_ERR_NOT_NUMERIC, "-n", "_,_"},
-        {{"-n", "99999999999999999999"}, 1, OPT_ERR_NOT_NUMERIC, "-n", "_,_"},  // out of range
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.args[0]);
@@ -128,8 +124,8 @@ TEST(OptionsTest, CheckOptionTable) {
         int mode;
         uint32_t index, len;
     } cases[] = {
-        {"lo", 0, 6, 2},  {"longer", 0, 5, 4}, {"l", 0, OPT_NOT_FOUND, 0}, {"x", 0, 11, 1},  // the later x
-        {"vx", 0, 10, 1}, {"LONG", 0, OPT_NOT_FOUND, 0}, {"LONG", 2, 5, 4}, {"", 0, OPT_NOT_FOUND, 0},
+        {"longer", 0, 5, 4}, {"l", 0, OPT_NOT_FOUND, 0}, {"x", 0, 11, 1},  // the later x
+        {"vx", 0, 10, 1},    {"LONG", 0, OPT_NOT_FOUND, 0}, {"LONG", 2, 5, 4},
     };
     auto table = TestTable();
     for (const Case& c : cases) {
@@ -153,9 +149,8 @@ TEST(OptionsTest, Strncmpci) {
         const char *a, *b;
         int n, result;
     } cases[] = {
-        {"abc", "ABC", 3, 0},  {"abc", "abd", 3, -1},    {"abc", "abd", 2, 0},
-        {"a", "b", 0, 0},      {"a", "b", -1, 0},        {"ab", "a", 5, 'b'},
-        {"Z", "a", 1, 25},     {"\xc3", "a", 1, -158},   {"ab\0x", "AB\0y", 5, 0},
+        {"abc", "ABD", 2, 0}, {"a", "b", -1, 0}, {"ab", "a", 5, 'b'}, {"Z", "a", 1, 25},
+        {"\xc3", "a", 1, -158}, {"ab\0x", "AB\0y", 5, 0},
     };
     for (const Case& c : cases) EXPECT_EQ(strncmpci(c.a, c.b, c.n), c.result) << c.a << " " << c.b << " " << c.n;
 }
@@ -172,7 +167,6 @@ TEST(FerrovanOptions, RefusedAndAcceptedLines) {
         {{"-CFG", "x"}, "'-CFG' is an unknown option\n"},
         {{"-pz"}, "'-z' is an unknown option\n"},
         {{"+pf"}, "'+p' is an unknown option\n"},
-        {{"-pzip"}, "'-pzip' is an unknown option\n"},  // a long name behind another option
         {{"-log", "a", "-log", "b"}, "'-log b' is a conflicting option\n"},
         {{"-p", "-f", "-p"}, "'-p' is a conflicting option\n"},
         {{"-cfg", "-p"}, "'-cfg' requires an argument\n"},
@@ -180,7 +174,6 @@ TEST(FerrovanOptions, RefusedAndAcceptedLines) {
         {{"-pf", "-tmod", "-zip", "-", "tree"}, ""},
         {{"tree", "-touch", "0x10", "-f"}, ""},
         {{"-touch", "-3", "-dtl", "-5", "tree"}, "", "-5"},
-        {{"-dtl", "out.dtl", "-tag", "t", "-log", "run.log", "-err", "err.txt", "tree"}, "", "out.dtl"},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.args[0] + " " + c.err);
@@ -245,26 +238,18 @@ const char kVersion[] =
     "\t 30 Oct 2013 - -zip option for DTL file compression added.                  \n";
 
 TEST(FerrovanOptions, UsageAndVersionTexts) {
-    ScopedTempDir dir;
-    const std::string whole = FerrovanPath();
-    const std::string usage = std::string(kUsage) + "For version information enter '" + whole + " -?V'\n";
-    const std::string version = std::string(kVersion) + "For usage information enter '" + whole + " -?'\n";
-    struct Case {
-        std::string program;
-        std::vector<std::string> args;
-        std::string out;
-    } cases[] = {
-        {whole, {"-?"}, usage},
-        {whole, {"+?", "-bogus"}, usage},  // the texts end the run before anything else is read
-        {whole, {"-?V"}, version},
-        {whole, {"-p", "-?v"}, version},
+    const std::string program = FerrovanPath();
+    const std::pair<std::vector<std::string>, std::string> cases[] = {
+        // The texts end the run before anything else is read.
+        {{"+?", "-bogus"}, kUsage + std::string("For version information enter '") + program + " -?V'\n"},
+        {{"-?V"}, kVersion + std::string("For usage information enter '") + program + " -?'\n"},
     };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.args[0]);
-        RunResult r = RunProgram(c.program, c.args, {.cwd = dir.path});
+    for (const auto& [args, out] : cases) {
+        ScopedTempDir dir;
+        RunResult r = RunProgram(program, args, {.cwd = dir.path});
         EXPECT_EQ(r.status, 0);
         EXPECT_EQ(r.err, "");
-        EXPECT_EQ(r.out, c.out);
+        EXPECT_EQ(r.out, out);
         EXPECT_FALSE(PathExists(dir / "ferro.dtl"));
     }
 }
