@@ -28,7 +28,6 @@ TEST(ReadConfigLine, BuildsLogicalLines) {
         {"# c\n\n \t\nincludedirs = x # note\n", {"includedirs = x", "=0"}},
         {"path = /a/b/_\n# x\n\nc\n", {"path = /a/b/c", "=0"}},  // joined over comments and empty lines
         {"x _\n  y  \n", {"x   y", "=0"}},                      // blanks kept inside, dropped at the end
-        {"a_", {"a", "=0"}},
         {"a\tb\x01" "caf\xc3\xa9s\r\n", {"a b caf  s", "=0"}},  // controls and high bytes become blanks
         {std::string("ab\0cd\nef\n", 9), {"ab", "ef", "=0"}},
         // A physical line of more than 132 bytes comes in pieces, each a line of its own.
