@@ -157,17 +157,15 @@ ReadBack ReadDetail(const std::string& path) {
         d.strings = r.strings;
         while ((step = DtlNext(&r)) == DTL_STEP_RECORD || step == DTL_STEP_LINK) {
             const DtlRecord& rec = r.rec;
-            if (step == DTL_STEP_LINK) {
-                d.links.push_back(r.link);
-            } else if (rec.kind == DTL_REC_END_MARKER) {
+            if (step == DTL_STEP_LINK) continue;
+            if (rec.kind == DTL_REC_END_MARKER) {
                 d.records.push_back("end");
             } else if (rec.kind == DTL_REC_DIR_HEADER) {
                 d.records.push_back("dir " + std::string(rec.name) + " " + std::to_string(rec.fixed.atime) + "/" +
                                     std::to_string(rec.fixed.mtime) + "/" + std::to_string(rec.fixed.size));
             } else {
-                std::string p = DtlJoinPath(rec.dirPath, rec.name);
-                d.records.push_back("entry " + p + (rec.target.empty() ? "" : " -> " + std::string(rec.target)));
-                d.entries[p] = rec.fixed;
+                d.records.push_back("entry " + DtlJoinPath(rec.dirPath, rec.name) +
+                                    (rec.target.empty() ? "" : " -> " + std::string(rec.target)));
             }
         }
     }

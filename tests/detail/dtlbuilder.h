@@ -67,7 +67,8 @@ FakeScan SampleScan();
 /// Puts the low width bytes of v into bytes at offset, little-endian.
 void PutLe(std::string& bytes, size_t offset, uint64_t v, int width);
 
-/// What the reader hands out for a whole file; records as text:
+/// What the reader hands out for a whole file (its hard-link table is read
+/// and checked, not kept); records as text:
 /// "dir <path> <files>/<subdirs>/<bytes>", "entry <path>[ -> <target>]", "end".
 struct ReadBack {
     bool sound = false;
@@ -75,8 +76,6 @@ struct ReadBack {
     DtlRootHeader root{};
     DtlStrings strings;
     std::vector<std::string> records;
-    std::map<std::string, DtlRecordFixed> entries;  ///< by logical path
-    std::vector<DtlLink> links;
 };
 
 /// Where two files first differ, for failure messages.
