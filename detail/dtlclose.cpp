@@ -82,18 +82,3 @@ FILE* OpenDtlFile(const char* path, const char* mode, int* wasCompressed) {
     if (!stream) PosixErrExit(0, "Unable to open scan detail file '%s'\n", path);
     return stream;
 }
-
-FILE* OpenDtlFileCopy(const char* path, int* wasCompressed) {
-    RequireDtlFile(path);
-    FILE* stream = fopen(path, "rb");
-    if (!stream) PosixErrExit(0, "Unable to open scan detail file '%s'\n", path);
-    if (!StartsCompressed(stream)) return stream;
-    if (wasCompressed) *wasCompressed = 1;
-    FILE* copy = tmpfile();
-    if (!copy) PosixErrExit(0, "Error. Could not write temp file for decompressing '%s'\n", path);
-    if (InflateFd(fileno(stream), fileno(copy)) != 0)
-        PosixErrExit(0, "Error occurred during decompression of '%s'\n", path);
-    fclose(stream);
-    rewind(copy);
-    return copy;
-}

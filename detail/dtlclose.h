@@ -25,10 +25,3 @@ void CloseDtlFile(FILE* stream, const char* path, uint32_t zipFlag);
 /// decompressed in place ("Decompressing DTL file" is printed) and
 /// *wasCompressed is set to 1; otherwise *wasCompressed is left as it is.
 FILE* OpenDtlFile(const char* path, const char* mode, int* wasCompressed);
-
-/// Reads a detail file without changing it: returns a stream positioned at
-/// the start of the plain bytes. For a plain file that is the file itself;
-/// for a compressed one, an anonymous temporary file (tmpfile) filled by the
-/// same inflater as OpenDtlFile, with *wasCompressed set to 1. Prints nothing
-/// on success; every failure is fatal.
-FILE* OpenDtlFileCopy(const char* path, int* wasCompressed);
