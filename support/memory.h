@@ -21,12 +21,16 @@ struct TempBlock {
 static_assert(sizeof(TempBlock) == 32);
 
 constexpr uint32_t TEMP_BLOCK_SIZE = 32768;
+/// Freed standard blocks kept for reuse, at most (1 MiB).
+constexpr uint32_t TEMP_POOL_MAX = 32;
 
-/// Returns size bytes (rounded up to 8) from the newest block of *chain,
-/// starting a new zeroed 32 KiB block in front when it has no room. A request
-/// larger than a block's data area gets a block of its own.
+/// Returns size bytes (rounded up to 8, zero-filled) from the newest block of
+/// *chain, starting a new 32 KiB block in front when it has no room: a freed
+/// one when TempFree kept some, else a new one. A request larger than a
+/// block's data area gets a block of its own.
 void* TempAlloc(size_t size, TempBlock** chain);
-/// Frees every block of *chain and empties it (null-safe).
+/// Releases every block of *chain and empties it (null-safe): standard
+/// blocks are kept for reuse, up to TEMP_POOL_MAX, the rest are freed.
 void TempFree(TempBlock** chain);
 
 /// Heap copy of an 8-bit string.

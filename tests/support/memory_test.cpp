@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <string>
 
 #include "support/memory.h"
 
@@ -34,6 +35,21 @@ TEST(TempAlloc, ServesRequestsLargerThanABlock) {
     memset(p, 0x5A, big);  // the sanitizer build catches any overrun here
     char* small = static_cast<char*>(TempAlloc(16, &chain));
     memset(small, 1, 16);
+    TempFree(&chain);
+}
+
+TEST(TempAlloc, ReusesFreedBlocksAndStillHandsOutZeroedPieces) {
+    TempBlock* chain = nullptr;
+    char* first = static_cast<char*>(TempAlloc(200, &chain));
+    TempBlock* block = chain;
+    memset(first, 0x5A, 200);
+    TempFree(&chain);
+    // The freed block comes back for the next chain, but not the bytes it held.
+    char* again = static_cast<char*>(TempAlloc(200, &chain));
+    EXPECT_EQ(chain, block);
+    EXPECT_EQ(again, first);
+    EXPECT_EQ(std::string(again, 200), std::string(200, '\0'));
+    EXPECT_EQ(chain->next, nullptr);
     TempFree(&chain);
 }
 
