@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 
 #include "btree/btree.h"
@@ -83,6 +84,26 @@ NodeHead** _findNode(TreeHeader* tree, NodeTable* table, uint32_t nodeNumber) {
     return table->nodes + TablePlace(_tableNumbers(tree, table), table, nodeNumber);
 }
 
+void _indexNode(TreeHeader* tree, NodeTable* table, uint32_t nodeNumber, NodeHead* node) {
+    NodeIndex* index = _tableIndex(tree, table);
+    if (nodeNumber >= index->size) {
+        // Only numbers handed out are indexed: a damaged entry naming some
+        // huge number must not make the index huge (lookups fall back to
+        // the sorted array for anything the index does not hold).
+        if (!node || nodeNumber >= *table->nextNodePtr) return;
+        // Numbers are handed out in order, so doubling keeps growth rare.
+        uint64_t size = index->size ? index->size : 64;
+        while (size <= nodeNumber) size *= 2;
+        if (size > UINT32_MAX) size = UINT32_MAX;  // numbers handed out stay below it
+        auto* grown = static_cast<NodeHead**>(realloc(index->byNumber, size * sizeof(NodeHead*)));
+        if (!grown) ErrExit("Insufficient memory: called from '%s'\n", "tree alloc");
+        memset(grown + index->size, 0, (size - index->size) * sizeof(NodeHead*));
+        index->byNumber = grown;
+        index->size = static_cast<uint32_t>(size);
+    }
+    index->byNumber[nodeNumber] = node;
+}
+
 void _shiftMemoryTable(TreeHeader* tree, NodeTable* table, uint32_t from, uint32_t to) {
     uint32_t* numbers = _tableNumbers(tree, table);
     memmove(table->nodes + to, table->nodes + from, (table->count - from) * sizeof(NodeHead*));
@@ -125,11 +146,13 @@ static NodeHead* Evict(TreeHeader* tree, NodeTable* table, uint32_t* placeOut) {
     Unlink(table, victim);
     *placeOut = TablePlace(_tableNumbers(tree, table), table, victim->nodeNumber);
     _flushNode(tree, table, victim);
+    _indexNode(tree, table, victim->nodeNumber, nullptr);
     return victim;
 }
 
 // The miss path of _nodeAddr: place is where nodeNumber belongs in the array.
-static NodeHead* PageIn(TreeHeader* tree, NodeTable* table, uint32_t nodeNumber, uint32_t place) {
+// Kept out of line: its registers would weigh on every hit of _nodeAddr.
+[[gnu::noinline]] static NodeHead* PageIn(TreeHeader* tree, NodeTable* table, uint32_t nodeNumber, uint32_t place) {
     NodeHead** nodes = table->nodes;
     uint32_t* numbers = _tableNumbers(tree, table);
     NodeHead* buffer;
@@ -158,19 +181,26 @@ static NodeHead* PageIn(TreeHeader* tree, NodeTable* table, uint32_t nodeNumber,
     _fetchNode(tree, table, nodeNumber, buffer);
     buffer->nodeNumber = nodeNumber;  // keeps the array sorted even for a page never written
     AppendNewest(table, buffer);
+    _indexNode(tree, table, nodeNumber, buffer);
     return buffer;
 }
 
 // WARNING: per-entry hot path: the scanner's searches page a key node for every
-// comparison. Hits check the newest node, then the last element, then search;
-// benchmark any change with bench/btree_bench.
+// comparison. Hits are found through the node index; only a miss searches the
+// sorted array. Benchmark any change with bench/btree_bench.
 NodeHead* _nodeAddr(TreeHeader* tree, NodeTable* table, uint32_t nodeNumber) {
     NodeHead* newest = table->newestNode;
     if (newest && newest->nodeNumber == nodeNumber) return newest;
-    uint32_t* numbers = _tableNumbers(tree, table);
-    uint32_t place = TablePlace(numbers, table, nodeNumber);
-    if (place < table->count && numbers[place] == nodeNumber) {
-        NodeHead* node = table->nodes[place];
+    const NodeIndex* index = _tableIndex(tree, table);
+    NodeHead* node = nodeNumber < index->size ? index->byNumber[nodeNumber] : nullptr;
+    uint32_t place = 0;
+    if (!node) {
+        // Not indexed: cached under a number never handed out, or a miss.
+        uint32_t* numbers = _tableNumbers(tree, table);
+        place = TablePlace(numbers, table, nodeNumber);
+        if (place < table->count && numbers[place] == nodeNumber) node = table->nodes[place];
+    }
+    if (node) {
         // Not the newest (checked above), so it has a newer neighbour.
         node->newerNode->olderNode = node->olderNode;
         if (node->olderNode) {
@@ -201,6 +231,7 @@ NodeHead* _getNewNode(TreeHeader* tree, NodeTable* table) {
     if (*counter == 0) ErrExit("B-tree page file '%s' is full\n", _pageFileName(tree, table));
     node->nodeNumber = (*counter)++;  // numbers only grow, so appending keeps the array sorted
     AppendNewest(table, node);
+    _indexNode(tree, table, node->nodeNumber, node);
     _tableNumbers(tree, table)[table->count] = node->nodeNumber;
     table->nodes[table->count++] = node;
     return node;
