@@ -88,6 +88,26 @@ void TempFree(TempBlock** chain) {
     *chain = nullptr;
 }
 
+// WARNING: this function is performance-critical (once per owner-table
+// record, which means once per entry); please benchmark any changes you make to it.
+void* ArenaAlloc(Arena* arena, size_t size, const char* caller) {
+    size = (size + 7) & ~static_cast<size_t>(7);
+    if (static_cast<size_t>(arena->end - arena->free) < size) {
+        size_t chunkSize = ARENA_CHUNK_SIZE;
+        if (size > chunkSize - sizeof(ArenaChunk)) chunkSize = sizeof(ArenaChunk) + size;
+        // Zero-filled: large blocks come straight from the system, untouched until used.
+        auto* chunk = static_cast<ArenaChunk*>(GetMem(chunkSize, caller));
+        chunk->next = arena->chunks;
+        chunk->size = chunkSize;
+        arena->chunks = chunk;
+        arena->free = reinterpret_cast<char*>(chunk + 1);
+        arena->end = reinterpret_cast<char*>(chunk) + chunkSize;
+    }
+    void* p = arena->free;
+    arena->free += size;
+    return p;
+}
+
 char* SaveAStr(const char* str) {
     size_t n = strlen(str);
     auto* copy = static_cast<char*>(GetMem(n + 1, "save astring"));

@@ -33,6 +33,29 @@ void* TempAlloc(size_t size, TempBlock** chain);
 /// blocks are kept for reuse, up to TEMP_POOL_MAX, the rest are freed.
 void TempFree(TempBlock** chain);
 
+/// One chunk of an arena: a 16-byte head, then the blocks.
+struct ArenaChunk {
+    ArenaChunk* next;  ///< the chunk taken before this one
+    uint64_t size;     ///< bytes in the chunk, head included
+};
+static_assert(sizeof(ArenaChunk) == 16);
+
+/// A bump allocator for small blocks that are never freed: no per-block
+/// header or rounding beyond 8 bytes, and every chunk stays reachable.
+struct Arena {
+    char* free;           ///< first free byte of the newest chunk
+    char* end;            ///< one past the newest chunk
+    ArenaChunk* chunks;   ///< newest chunk first
+};
+
+constexpr size_t ARENA_CHUNK_SIZE = 1 << 20;
+
+/// size bytes (rounded up to 8), zero-filled and 8-aligned, from the newest
+/// chunk of arena, which takes a new 1 MiB chunk when it has no room (a
+/// larger request gets a chunk of its own). Exhaustion ends the program as
+/// GetMem does with caller. The blocks live until the process ends.
+void* ArenaAlloc(Arena* arena, size_t size, const char* caller);
+
 /// Heap copy of an 8-bit string.
 char* SaveAStr(const char* str);
 /// Heap copy of a wide string.

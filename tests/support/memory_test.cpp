@@ -53,6 +53,39 @@ TEST(TempAlloc, ReusesFreedBlocksAndStillHandsOutZeroedPieces) {
     TempFree(&chain);
 }
 
+TEST(ArenaAlloc, PacksZeroedBlocksAndTakesANewChunkWhenFull) {
+    Arena arena{};
+    char* a = static_cast<char*>(ArenaAlloc(&arena, 29, "test"));
+    ASSERT_NE(arena.chunks, nullptr);
+    EXPECT_EQ(a, reinterpret_cast<char*>(arena.chunks + 1));
+    // Rounded up to 8: the next block follows 32 bytes later.
+    char* b = static_cast<char*>(ArenaAlloc(&arena, 1, "test"));
+    EXPECT_EQ(b, a + 32);
+    EXPECT_EQ(std::string(a, 40), std::string(40, '\0'));
+
+    // A block that still fits the chunk exactly stays in it; the next one does not.
+    ArenaChunk* first = arena.chunks;
+    size_t rest = static_cast<size_t>(arena.end - arena.free);
+    char* last = static_cast<char*>(ArenaAlloc(&arena, rest, "test"));
+    EXPECT_EQ(arena.chunks, first);
+    EXPECT_EQ(last + rest, reinterpret_cast<char*>(first) + ARENA_CHUNK_SIZE);
+    char* next = static_cast<char*>(ArenaAlloc(&arena, 8, "test"));
+    EXPECT_NE(arena.chunks, first);
+    EXPECT_EQ(arena.chunks->next, first);
+    EXPECT_EQ(next, reinterpret_cast<char*>(arena.chunks + 1));
+
+    // Larger than a chunk: a chunk of its own, fully usable.
+    const size_t big = 3 * ARENA_CHUNK_SIZE;
+    char* p = static_cast<char*>(ArenaAlloc(&arena, big, "test"));
+    memset(p, 0x5A, big);  // the sanitizer build catches any overrun here
+    EXPECT_EQ(arena.chunks->size, big + sizeof(ArenaChunk));
+    for (ArenaChunk* c = arena.chunks; c;) {
+        ArenaChunk* older = c->next;
+        free(c);
+        c = older;
+    }
+}
+
 TEST(StringObject, GrowsInStepsAndKeepsItsBufferOnSet) {
     StringObject* s = NewStringObject("init", 1024);
     EXPECT_EQ(s->capacity, 1024);
