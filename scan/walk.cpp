@@ -161,10 +161,14 @@ void ProcessSubdir(AuditRoot* root, const char* parentLogicalPath, const SubdirN
     // The entry's access path was checked against the same bound, and the
     // logical path is no longer than it.
     char subPath[ACCESS_PATH_SIZE];
-    int length = snprintf(subPath, sizeof subPath, parentLogicalPath[1] == '\0' ? "%s%s" : "%s/%s",
-                          parentLogicalPath, node->name);
-    if (length < 0 || static_cast<size_t>(length) >= sizeof subPath)
+    // "%s%s" under the root "/", else "%s/%s"; joined by hand, once per directory.
+    size_t parentLength = strlen(parentLogicalPath);
+    size_t join = parentLogicalPath[1] == '\0' ? parentLength : parentLength + 1;
+    if (join + node->nameLen >= sizeof subPath)
         ErrExit("Directory path longer than %zu bytes: '%s/%s'\n", sizeof subPath - 1, parentLogicalPath, node->name);
+    memcpy(subPath, parentLogicalPath, parentLength);
+    subPath[join - 1] = '/';
+    memcpy(subPath + join, node->name, size_t{node->nameLen} + 1);
     if (!IsDirectorySelected(subPath, root)) return;
     ProcessDirectory(subPath, root, parentFd, node->name, parentLevel + 1);
 }
