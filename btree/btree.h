@@ -251,11 +251,17 @@ KeyNode* _getNewKeyNode(TreeHeader* tree);
 /// The cached node with that number, paged in (and made newest) as needed.
 NodeHead* _nodeAddr(TreeHeader* tree, NodeTable* table, uint32_t nodeNumber);
 /// _nodeAddr on the tree nodes.
+/// (The newest node is checked inline: searches mostly return to the node
+/// they used last.)
 inline TreeNode* _treeNodeAddr(TreeHeader* tree, uint32_t nodeNumber) {
+    NodeHead* newest = tree->treeNodes.newestNode;
+    if (newest && newest->nodeNumber == nodeNumber) return reinterpret_cast<TreeNode*>(newest);
     return reinterpret_cast<TreeNode*>(_nodeAddr(tree, &tree->treeNodes, nodeNumber));
 }
 /// _nodeAddr on the key nodes.
 inline KeyNode* _keyNodeAddr(TreeHeader* tree, uint32_t nodeNumber) {
+    NodeHead* newest = tree->keyNodes.newestNode;
+    if (newest && newest->nodeNumber == nodeNumber) return reinterpret_cast<KeyNode*>(newest);
     return reinterpret_cast<KeyNode*>(_nodeAddr(tree, &tree->keyNodes, nodeNumber));
 }
 /// The slot at index in a key node.
@@ -264,7 +270,15 @@ inline KeySlot* _slotAt(const TreeHeader* tree, KeyNode* node, uint32_t index) {
 }
 /// The slot an entry names, with its slotLink set to its data address when
 /// the tree has data.
-KeySlot* _keyAddr(TreeHeader* tree, const NodeEntry* entry);
+/// WARNING: per-entry hot path (one call per key comparison).
+inline KeySlot* _keyAddr(TreeHeader* tree, const NodeEntry* entry) {
+    KeySlot* slot = _slotAt(tree, _keyNodeAddr(tree, entry->keyNode), entry->keySlot);
+    if (tree->dataLength > 0) {
+        void* data = TreeSlotKey(slot) + tree->keyLength;
+        std::memcpy(slot->slotLink, &data, sizeof data);
+    }
+    return slot;
+}
 
 /// The node numbers of a table's cached nodes, element for element as in `nodes`.
 inline uint32_t* _tableNumbers(TreeHeader* tree, const NodeTable* table) {

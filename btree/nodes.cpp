@@ -259,12 +259,3 @@ KeyNode* _getNewKeyNode(TreeHeader* tree) {
     return node;
 }
 
-// WARNING: per-entry hot path (one call per key comparison).
-KeySlot* _keyAddr(TreeHeader* tree, const NodeEntry* entry) {
-    KeySlot* slot = _slotAt(tree, _keyNodeAddr(tree, entry->keyNode), entry->keySlot);
-    if (tree->dataLength > 0) {
-        void* data = TreeSlotKey(slot) + tree->keyLength;
-        memcpy(slot->slotLink, &data, sizeof data);
-    }
-    return slot;
-}
