@@ -9,6 +9,7 @@
 
 #include "btree/btree.h"
 #include "log/log.h"
+#include "support/memory.h"
 
 const char* _pageFileName(const TreeHeader* tree, const NodeTable* table) {
     return table == &tree->keyNodes && tree->keyFileName ? tree->keyFileName : tree->treeFileName;
@@ -223,10 +224,12 @@ NodeHead* _getNewNode(TreeHeader* tree, NodeTable* table) {
         uint32_t victimPlace;
         node = Evict(tree, table, &victimPlace);
         _shiftMemoryTable(tree, table, victimPlace + 1, victimPlace);
+        memset(node, 0, table->nodeSize);
     } else {
         node = static_cast<NodeHead*>(_treeAlloc(tree, table->nodeSize));
+        // The default allocator's blocks are zero-filled already.
+        if (tree->allocFn != GetTreeMem) memset(node, 0, table->nodeSize);
     }
-    memset(node, 0, table->nodeSize);
     uint32_t* counter = table->nextNodePtr;
     if (*counter == 0) ErrExit("B-tree page file '%s' is full\n", _pageFileName(tree, table));
     node->nodeNumber = (*counter)++;  // numbers only grow, so appending keeps the array sorted
