@@ -16,7 +16,7 @@
 #                 parameters on the largest tree's detail file (CPU time,
 #                 size against gzip -9; bench/deflate_sweep.cpp).
 # --shared        the folder holding floor.c and mktree.py (default
-#                 ../shared/bench next to this checkout).
+#                 ../shared/bench next to this checkout, or ../../shared/bench).
 #
 # Trees are made once in --work (default build/bench-work) and reused; a
 # million entries take a few minutes to make and about 1 GB of metadata.
@@ -31,7 +31,9 @@ sizes="100000 1000000"
 baseline=""
 sweep=0
 work=build/bench-work
+# The shared folder sits next to the main checkout; worktrees are one level deeper.
 shared=$top/../shared/bench
+[ -d "$shared" ] || shared=$top/../../shared/bench
 while [ $# -gt 0 ]; do
   case "$1" in
     --rounds) rounds=$2; shift 2 ;;
