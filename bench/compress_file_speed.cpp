@@ -1,6 +1,6 @@
 // Times the program's own compressFile and decompressFile on one detail file
 // (wall and process CPU time, output synced to disk as in a real run) and
-// checks that the round trip restores the file. Built by measure_compression.sh.
+// checks that the round trip restores the file. Built and run by bench/run.sh.
 #include <unistd.h>
 
 #include <cstdio>

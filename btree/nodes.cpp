@@ -4,10 +4,12 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 
 #include "btree/btree.h"
 #include "log/log.h"
+#include "support/memory.h"
 
 const char* _pageFileName(const TreeHeader* tree, const NodeTable* table) {
     return table == &tree->keyNodes && tree->keyFileName ? tree->keyFileName : tree->treeFileName;
@@ -83,6 +85,26 @@ NodeHead** _findNode(TreeHeader* tree, NodeTable* table, uint32_t nodeNumber) {
     return table->nodes + TablePlace(_tableNumbers(tree, table), table, nodeNumber);
 }
 
+void _indexNode(TreeHeader* tree, NodeTable* table, uint32_t nodeNumber, NodeHead* node) {
+    NodeIndex* index = _tableIndex(tree, table);
+    if (nodeNumber >= index->size) {
+        // Only numbers handed out are indexed: a damaged entry naming some
+        // huge number must not make the index huge (lookups fall back to
+        // the sorted array for anything the index does not hold).
+        if (!node || nodeNumber >= *table->nextNodePtr) return;
+        // Numbers are handed out in order, so doubling keeps growth rare.
+        uint64_t size = index->size ? index->size : 64;
+        while (size <= nodeNumber) size *= 2;
+        if (size > UINT32_MAX) size = UINT32_MAX;  // numbers handed out stay below it
+        auto* grown = static_cast<NodeHead**>(realloc(index->byNumber, size * sizeof(NodeHead*)));
+        if (!grown) ErrExit("Insufficient memory: called from '%s'\n", "tree alloc");
+        memset(grown + index->size, 0, (size - index->size) * sizeof(NodeHead*));
+        index->byNumber = grown;
+        index->size = static_cast<uint32_t>(size);
+    }
+    index->byNumber[nodeNumber] = node;
+}
+
 void _shiftMemoryTable(TreeHeader* tree, NodeTable* table, uint32_t from, uint32_t to) {
     uint32_t* numbers = _tableNumbers(tree, table);
     memmove(table->nodes + to, table->nodes + from, (table->count - from) * sizeof(NodeHead*));
@@ -125,11 +147,13 @@ static NodeHead* Evict(TreeHeader* tree, NodeTable* table, uint32_t* placeOut) {
     Unlink(table, victim);
     *placeOut = TablePlace(_tableNumbers(tree, table), table, victim->nodeNumber);
     _flushNode(tree, table, victim);
+    _indexNode(tree, table, victim->nodeNumber, nullptr);
     return victim;
 }
 
 // The miss path of _nodeAddr: place is where nodeNumber belongs in the array.
-static NodeHead* PageIn(TreeHeader* tree, NodeTable* table, uint32_t nodeNumber, uint32_t place) {
+// Kept out of line: its registers would weigh on every hit of _nodeAddr.
+[[gnu::noinline]] static NodeHead* PageIn(TreeHeader* tree, NodeTable* table, uint32_t nodeNumber, uint32_t place) {
     NodeHead** nodes = table->nodes;
     uint32_t* numbers = _tableNumbers(tree, table);
     NodeHead* buffer;
@@ -158,19 +182,26 @@ static NodeHead* PageIn(TreeHeader* tree, NodeTable* table, uint32_t nodeNumber,
     _fetchNode(tree, table, nodeNumber, buffer);
     buffer->nodeNumber = nodeNumber;  // keeps the array sorted even for a page never written
     AppendNewest(table, buffer);
+    _indexNode(tree, table, nodeNumber, buffer);
     return buffer;
 }
 
 // WARNING: per-entry hot path: the scanner's searches page a key node for every
-// comparison. Hits check the newest node, then the last element, then search;
-// benchmark any change with bench/btree_bench.
+// comparison. Hits are found through the node index; only a miss searches the
+// sorted array. Benchmark any change with bench/btree_bench.
 NodeHead* _nodeAddr(TreeHeader* tree, NodeTable* table, uint32_t nodeNumber) {
     NodeHead* newest = table->newestNode;
     if (newest && newest->nodeNumber == nodeNumber) return newest;
-    uint32_t* numbers = _tableNumbers(tree, table);
-    uint32_t place = TablePlace(numbers, table, nodeNumber);
-    if (place < table->count && numbers[place] == nodeNumber) {
-        NodeHead* node = table->nodes[place];
+    const NodeIndex* index = _tableIndex(tree, table);
+    NodeHead* node = nodeNumber < index->size ? index->byNumber[nodeNumber] : nullptr;
+    uint32_t place = 0;
+    if (!node) {
+        // Not indexed: cached under a number never handed out, or a miss.
+        uint32_t* numbers = _tableNumbers(tree, table);
+        place = TablePlace(numbers, table, nodeNumber);
+        if (place < table->count && numbers[place] == nodeNumber) node = table->nodes[place];
+    }
+    if (node) {
         // Not the newest (checked above), so it has a newer neighbour.
         node->newerNode->olderNode = node->olderNode;
         if (node->olderNode) {
@@ -193,14 +224,17 @@ NodeHead* _getNewNode(TreeHeader* tree, NodeTable* table) {
         uint32_t victimPlace;
         node = Evict(tree, table, &victimPlace);
         _shiftMemoryTable(tree, table, victimPlace + 1, victimPlace);
+        memset(node, 0, table->nodeSize);
     } else {
         node = static_cast<NodeHead*>(_treeAlloc(tree, table->nodeSize));
+        // The default allocator's blocks are zero-filled already.
+        if (tree->allocFn != GetTreeMem) memset(node, 0, table->nodeSize);
     }
-    memset(node, 0, table->nodeSize);
     uint32_t* counter = table->nextNodePtr;
     if (*counter == 0) ErrExit("B-tree page file '%s' is full\n", _pageFileName(tree, table));
     node->nodeNumber = (*counter)++;  // numbers only grow, so appending keeps the array sorted
     AppendNewest(table, node);
+    _indexNode(tree, table, node->nodeNumber, node);
     _tableNumbers(tree, table)[table->count] = node->nodeNumber;
     table->nodes[table->count++] = node;
     return node;
@@ -228,12 +262,3 @@ KeyNode* _getNewKeyNode(TreeHeader* tree) {
     return node;
 }
 
-// WARNING: per-entry hot path (one call per key comparison).
-KeySlot* _keyAddr(TreeHeader* tree, const NodeEntry* entry) {
-    KeySlot* slot = _slotAt(tree, _keyNodeAddr(tree, entry->keyNode), entry->keySlot);
-    if (tree->dataLength > 0) {
-        void* data = TreeSlotKey(slot) + tree->keyLength;
-        memcpy(slot->slotLink, &data, sizeof data);
-    }
-    return slot;
-}

@@ -139,6 +139,7 @@ void TreeFree(TreeHeader* tree) {
     if (!tree) return;
     for (NodeTable* table : {&tree->treeNodes, &tree->keyNodes}) {
         for (uint32_t i = 0; i < table->count; i++) tree->freeFn(table->nodes[i]);
+        free(_tableIndex(tree, table)->byNumber);
     }
     // The names were removed when the files were created; closing is enough.
     if (tree->keyFileName) {

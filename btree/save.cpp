@@ -174,6 +174,7 @@ void FixNodeTable(TreeHeader* tree, NodeTable* table) {
         _fetchNode(tree, table, number, node);
         node->nodeNumber = number;
         _tableNumbers(tree, table)[i] = number;
+        _indexNode(tree, table, number, node);
         if (i > 0 && number <= table->nodes[i - 1]->nodeNumber) sorted = false;
     }
     // Each node's saved older and newer numbers are matched against the other

@@ -6,23 +6,40 @@
 // same table, so code that creates or pages tree nodes keeps node numbers and
 // addresses the nodes again afterwards.
 
+#include <bit>
 #include <cstring>
 
 #include "btree/btree.h"
 #include "log/log.h"
 
-int32_t _keyCmp(const void* a, uint32_t aLen, const void* b, uint32_t bLen) {
+static inline int32_t BytesCmp(const void* a, uint32_t aLen, const void* b, uint32_t bLen) {
+    if (aLen == 4 && bLen == 4) {
+        // The hard-link tree's inode keys: four bytes compared as one
+        // big-endian number give memcmp's order.
+        uint32_t x, y;
+        memcpy(&x, a, 4);
+        memcpy(&y, b, 4);
+        if constexpr (std::endian::native == std::endian::little) {
+            x = __builtin_bswap32(x);
+            y = __builtin_bswap32(y);
+        }
+        return x < y ? -1 : x > y ? 1 : 0;
+    }
     int diff = memcmp(a, b, aLen < bLen ? aLen : bLen);
     if (diff != 0) return diff < 0 ? -1 : 1;
     if (aLen == bLen) return 0;
     return aLen < bLen ? -1 : 1;
 }
 
-// WARNING: per-entry hot path, as the two functions below.
+int32_t _keyCmp(const void* a, uint32_t aLen, const void* b, uint32_t bLen) { return BytesCmp(a, aLen, b, bLen); }
+
+// WARNING: per-entry hot path, as the two functions below. The default
+// comparison is inlined instead of called through the pointer.
 static inline int32_t CompareWith(TreeHeader* tree, const void* key, uint32_t keyLen, const NodeEntry* entry,
                                   KeySlot** slotOut) {
     KeySlot* slot = _keyAddr(tree, entry);
     *slotOut = slot;
+    if (tree->compareFn == _keyCmp) return BytesCmp(key, keyLen, TreeSlotKey(slot), slot->storedLength);
     return tree->compareFn(key, keyLen, TreeSlotKey(slot), slot->storedLength);
 }
 

@@ -36,29 +36,35 @@ uint32_t ProcessFile(FileRecord* record) {
     return type;
 }
 
-// WARNING: this function is performance-critical (once per entry and twice
-// per directory); please benchmark any changes you make to it.
-int DispatchFile(uint32_t kind, const char* logicalPath, const StatBlock* statBlock, AuditRoot* root) {
+FileRecord* DispatchRecord() {
     if (!logBlk) {
         logBlk = static_cast<FileRecord*>(GetMem(sizeof(FileRecord), "file record"));
         logBlk->dirPath = NewStringObject("init", 1024);
         logBlk->linkTarget = NewStringObject("init", 1024);
     }
-    FileRecord* record = logBlk;
+    return logBlk;
+}
+
+// WARNING: this function is performance-critical (once per entry and twice
+// per directory); please benchmark any changes you make to it.
+int DispatchFile(uint32_t kind, const char* logicalPath, const StatBlock* statBlock, AuditRoot* root) {
+    FileRecord* record = DispatchRecord();
     record->recordKind = kind;
     record->entryFlags = 0;
     record->root = root;
-    StringObjectSet(record->dirPath, logicalPath);
-    if (kind != RECORD_ENTRY) memset(record->name, 0, sizeof record->name);
-    if (statBlock) {
+    if (logicalPath != record->dirPath->text) StringObjectSet(record->dirPath, logicalPath);
+    if (statBlock == RecordStatBlock(record)) {
+        // Filled in place by the walk.
+    } else if (statBlock) {
+        if (kind != RECORD_ENTRY) memset(record->name, 0, sizeof record->name);
         record->statData = statBlock->statData;
         // Only the name's own bytes: the rest of the field is never read.
         size_t length = strnlen(statBlock->name, ENTRY_NAME_SIZE - 1);
         memcpy(record->name, statBlock->name, length);
         record->name[length] = '\0';
     } else {
+        memset(record->name, 0, sizeof record->name);
         memset(&record->statData, 0, sizeof record->statData);
-        record->name[0] = '\0';
     }
     if (kind == RECORD_ENTRY) ProcessFile(record);
     return LogDetailData(record);

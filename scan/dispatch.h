@@ -55,8 +55,20 @@ constexpr size_t LINK_TARGET_MAX = 65534;
 extern FileRecord* logBlk;  ///< the run's file record; created by the first DispatchFile
 extern int dispatchDirFd;   ///< the open directory whose entries are dispatched; names are relative to it
 
+/// The run's file record (logBlk), created on first use: zero-filled, with
+/// its two string objects holding "init".
+FileRecord* DispatchRecord();
+/// The record's own stat data and name, laid out as a StatBlock. A walk that
+/// fills record->statData and record->name in place passes this to
+/// DispatchFile, which then copies nothing; it is compared, never read.
+inline const StatBlock* RecordStatBlock(const FileRecord* record) {
+    return reinterpret_cast<const StatBlock*>(&record->statData);
+}
+
 /// Fills logBlk for one walker event and hands it to LogDetailData; returns
-/// what that returns. statBlock may be null (kinds 2 and 3 without counts).
+/// what that returns. statBlock may be null (kinds 2 and 3 without counts)
+/// or the record's own (RecordStatBlock), and logicalPath may be the
+/// record's own dirPath text: what is already in place is not copied again.
 int DispatchFile(uint32_t kind, const char* logicalPath, const StatBlock* statBlock, AuditRoot* root);
 /// Completes an entry record: the multiple-links and symbolic-link flags, the
 /// owner and group in the id table, the link target (read relative to

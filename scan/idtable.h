@@ -5,7 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 
-/// One id in the table (GetMem, never freed); the name follows in the same block.
+/// One id in the table (from an arena, never freed); the name follows in the same block.
 struct IdRecord {
     uint32_t id;        ///< the user or group id
     uint32_t idKind;    ///< 1 = user, 2 = group; stored records always carry 1

@@ -60,10 +60,15 @@ static bool IsDotOrDotDot(const char* name) {
 static DirTally ReadDirectory(int fd, const char* accessPath, const char* logicalPath, AuditRoot* root,
                               TempBlock** chain, SubdirNode** subdirs) {
     DirTally tally{};
-    StatBlock block;
     size_t accessLength = strlen(accessPath);
     SubdirNode** tail = subdirs;
     if (!direntBuffer) direntBuffer = static_cast<char*>(GetMem(DIRENT_BUFFER_SIZE, "directory buffer"));
+    // Entries are examined straight into the file record, and its directory
+    // path is set once for the whole listing: DispatchFile copies neither.
+    FileRecord* record = DispatchRecord();
+    StringObjectSet(record->dirPath, logicalPath);
+    const char* dirPath = record->dirPath->text;
+    struct stat& st = record->statData;
     dispatchDirFd = fd;
     for (;;) {
         ssize_t got = getdents64(fd, direntBuffer, DIRENT_BUFFER_SIZE);
@@ -84,12 +89,12 @@ static DirTally ReadDirectory(int fd, const char* accessPath, const char* logica
                 ErrExit("Access path longer than %zu bytes: '%s/%s'\n", ACCESS_PATH_SIZE - 1, accessPath, name);
             if (nameLength >= ENTRY_NAME_SIZE)
                 ErrExit("Name longer than %zu bytes: '%s/%s'\n", ENTRY_NAME_SIZE - 1, accessPath, name);
-            memcpy(block.name, name, nameLength + 1);
-            if (fstatat(fd, name, &block.statData, AT_SYMLINK_NOFOLLOW) != 0) {
+            memcpy(record->name, name, nameLength + 1);
+            if (fstatat(fd, name, &st, AT_SYMLINK_NOFOLLOW) != 0) {
                 LogPosixErr(0, "Could not stat() '%s/%s'\n", accessPath, name);
                 continue;
             }
-            if (S_ISDIR(block.statData.st_mode)) {
+            if (S_ISDIR(st.st_mode)) {
                 // Directories are recorded whether or not the templates will select them.
                 auto* node = static_cast<SubdirNode*>(TempAlloc(nameLength + 25, chain));
                 node->next = nullptr;
@@ -103,9 +108,9 @@ static DirTally ReadDirectory(int fd, const char* accessPath, const char* logica
                 if (!IsFileSelected(name, root)) continue;
                 root->fileCount++;
                 tally.files++;
-                tally.bytes += block.statData.st_size;
+                tally.bytes += st.st_size;
             }
-            DispatchFile(RECORD_ENTRY, logicalPath, &block, root);
+            DispatchFile(RECORD_ENTRY, dirPath, RecordStatBlock(record), root);
         }
     }
     dispatchDirFd = AT_FDCWD;
@@ -156,10 +161,14 @@ void ProcessSubdir(AuditRoot* root, const char* parentLogicalPath, const SubdirN
     // The entry's access path was checked against the same bound, and the
     // logical path is no longer than it.
     char subPath[ACCESS_PATH_SIZE];
-    int length = snprintf(subPath, sizeof subPath, parentLogicalPath[1] == '\0' ? "%s%s" : "%s/%s",
-                          parentLogicalPath, node->name);
-    if (length < 0 || static_cast<size_t>(length) >= sizeof subPath)
+    // "%s%s" under the root "/", else "%s/%s"; joined by hand, once per directory.
+    size_t parentLength = strlen(parentLogicalPath);
+    size_t join = parentLogicalPath[1] == '\0' ? parentLength : parentLength + 1;
+    if (join + node->nameLen >= sizeof subPath)
         ErrExit("Directory path longer than %zu bytes: '%s/%s'\n", sizeof subPath - 1, parentLogicalPath, node->name);
+    memcpy(subPath, parentLogicalPath, parentLength);
+    subPath[join - 1] = '/';
+    memcpy(subPath + join, node->name, size_t{node->nameLen} + 1);
     if (!IsDirectorySelected(subPath, root)) return;
     ProcessDirectory(subPath, root, parentFd, node->name, parentLevel + 1);
 }

@@ -6,6 +6,15 @@
 
 #include "log/log.h"
 
+#if defined(__SANITIZE_ADDRESS__)
+#include <sanitizer/asan_interface.h>
+#define TEMP_POISON(p, n) ASAN_POISON_MEMORY_REGION(p, n)
+#define TEMP_UNPOISON(p, n) ASAN_UNPOISON_MEMORY_REGION(p, n)
+#else
+#define TEMP_POISON(p, n) ((void)(p), (void)(n))
+#define TEMP_UNPOISON(p, n) ((void)(p), (void)(n))
+#endif
+
 void* GetMem(size_t size, const char* caller) {
     void* p = calloc(1, size ? size : 1);
     if (!p) {
@@ -17,34 +26,86 @@ void* GetMem(size_t size, const char* caller) {
 
 void* GetTreeMem(uint32_t size) { return GetMem(size, "tree alloc"); }
 
+// Standard blocks that TempFree gave back, reused before new ones are taken:
+// the walk starts and frees a chain for every directory, and a fresh block
+// would have to be zeroed whole. The pool keeps at most TEMP_POOL_MAX blocks.
+static TempBlock* tempPool = nullptr;
+static uint32_t tempPoolCount = 0;
+
+static TempBlock* NewTempBlock(size_t blockSize) {
+    if (blockSize == TEMP_BLOCK_SIZE && tempPool) {
+        TempBlock* block = tempPool;
+        TEMP_UNPOISON(block, TEMP_BLOCK_SIZE);
+        tempPool = block->next;
+        tempPoolCount--;
+        return block;
+    }
+    auto* block = static_cast<TempBlock*>(GetMem(blockSize, "allocate temm mem"));
+    block->size = blockSize;
+    return block;
+}
+
+// WARNING: this function is performance-critical (once per subdirectory);
+// please benchmark any changes you make to it.
 void* TempAlloc(size_t size, TempBlock** chain) {
     size = (size + 7) & ~static_cast<size_t>(7);
     TempBlock* block = *chain;
+    char* p;
     if (block && block->free + size < block->end) {
-        void* p = block->free;
+        p = block->free;
         block->free += size;
-        return p;
+    } else {
+        // A request that no standard block can hold gets a block sized for it.
+        size_t blockSize = TEMP_BLOCK_SIZE;
+        if (size + sizeof(TempBlock) >= TEMP_BLOCK_SIZE) blockSize = sizeof(TempBlock) + size + 8;
+        block = NewTempBlock(blockSize);
+        block->next = *chain;
+        block->end = reinterpret_cast<char*>(block) + blockSize;
+        p = reinterpret_cast<char*>(block + 1);
+        block->free = p + size;
+        *chain = block;
     }
-    // A request that no standard block can hold gets a block sized for it.
-    size_t blockSize = TEMP_BLOCK_SIZE;
-    if (size + sizeof(TempBlock) >= TEMP_BLOCK_SIZE) blockSize = sizeof(TempBlock) + size + 8;
-    block = static_cast<TempBlock*>(GetMem(blockSize, "allocate temm mem"));
-    block->next = *chain;
-    block->size = blockSize;
-    block->end = reinterpret_cast<char*>(block) + blockSize;
-    block->free = reinterpret_cast<char*>(block + 1) + size;
-    *chain = block;
-    return block + 1;
+    // A reused block holds an earlier chain's bytes: every piece is handed out zeroed.
+    memset(p, 0, size);
+    return p;
 }
 
 void TempFree(TempBlock** chain) {
     if (!chain) return;
     for (TempBlock* b = *chain; b;) {
         TempBlock* next = b->next;
-        free(b);
+        if (b->size == TEMP_BLOCK_SIZE && tempPoolCount < TEMP_POOL_MAX) {
+            b->next = tempPool;
+            tempPool = b;
+            tempPoolCount++;
+            // The sanitizer build still reports any use of a freed chain.
+            TEMP_POISON(reinterpret_cast<char*>(b + 1), TEMP_BLOCK_SIZE - sizeof(TempBlock));
+        } else {
+            free(b);
+        }
         b = next;
     }
     *chain = nullptr;
+}
+
+// WARNING: this function is performance-critical (once per owner-table
+// record, which means once per entry); please benchmark any changes you make to it.
+void* ArenaAlloc(Arena* arena, size_t size, const char* caller) {
+    size = (size + 7) & ~static_cast<size_t>(7);
+    if (static_cast<size_t>(arena->end - arena->free) < size) {
+        size_t chunkSize = ARENA_CHUNK_SIZE;
+        if (size > chunkSize - sizeof(ArenaChunk)) chunkSize = sizeof(ArenaChunk) + size;
+        // Zero-filled: large blocks come straight from the system, untouched until used.
+        auto* chunk = static_cast<ArenaChunk*>(GetMem(chunkSize, caller));
+        chunk->next = arena->chunks;
+        chunk->size = chunkSize;
+        arena->chunks = chunk;
+        arena->free = reinterpret_cast<char*>(chunk + 1);
+        arena->end = reinterpret_cast<char*>(chunk) + chunkSize;
+    }
+    void* p = arena->free;
+    arena->free += size;
+    return p;
 }
 
 char* SaveAStr(const char* str) {

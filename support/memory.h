@@ -21,13 +21,40 @@ struct TempBlock {
 static_assert(sizeof(TempBlock) == 32);
 
 constexpr uint32_t TEMP_BLOCK_SIZE = 32768;
+/// Freed standard blocks kept for reuse, at most (1 MiB).
+constexpr uint32_t TEMP_POOL_MAX = 32;
 
-/// Returns size bytes (rounded up to 8) from the newest block of *chain,
-/// starting a new zeroed 32 KiB block in front when it has no room. A request
-/// larger than a block's data area gets a block of its own.
+/// Returns size bytes (rounded up to 8, zero-filled) from the newest block of
+/// *chain, starting a new 32 KiB block in front when it has no room: a freed
+/// one when TempFree kept some, else a new one. A request larger than a
+/// block's data area gets a block of its own.
 void* TempAlloc(size_t size, TempBlock** chain);
-/// Frees every block of *chain and empties it (null-safe).
+/// Releases every block of *chain and empties it (null-safe): standard
+/// blocks are kept for reuse, up to TEMP_POOL_MAX, the rest are freed.
 void TempFree(TempBlock** chain);
+
+/// One chunk of an arena: a 16-byte head, then the blocks.
+struct ArenaChunk {
+    ArenaChunk* next;  ///< the chunk taken before this one
+    uint64_t size;     ///< bytes in the chunk, head included
+};
+static_assert(sizeof(ArenaChunk) == 16);
+
+/// A bump allocator for small blocks that are never freed: no per-block
+/// header or rounding beyond 8 bytes, and every chunk stays reachable.
+struct Arena {
+    char* free;           ///< first free byte of the newest chunk
+    char* end;            ///< one past the newest chunk
+    ArenaChunk* chunks;   ///< newest chunk first
+};
+
+constexpr size_t ARENA_CHUNK_SIZE = 1 << 20;
+
+/// size bytes (rounded up to 8), zero-filled and 8-aligned, from the newest
+/// chunk of arena, which takes a new 1 MiB chunk when it has no room (a
+/// larger request gets a chunk of its own). Exhaustion ends the program as
+/// GetMem does with caller. The blocks live until the process ends.
+void* ArenaAlloc(Arena* arena, size_t size, const char* caller);
 
 /// Heap copy of an 8-bit string.
 char* SaveAStr(const char* str);

@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <cstring>
 #include <vector>
 
 #include "tests/btree/treefixture.h"
@@ -54,6 +55,27 @@ TEST_F(NodeCacheTest, PageFilesLeaveNothingBehind) {
     EXPECT_EQ(EntriesIn(dir.path), 0);
     TreeFree(tree);
     TreeFree(nullptr);
+}
+
+// An allocator that leaves garbage in its blocks, as malloc may.
+void* DirtyAlloc(uint32_t size) {
+    void* block = malloc(size);
+    memset(block, 0xA5, size);
+    return block;
+}
+
+TEST_F(NodeCacheTest, NewNodesAreZeroWhateverTheAllocatorLeaves) {
+    for (TreeAllocFn alloc : {TreeAllocFn{nullptr}, TreeAllocFn{DirtyAlloc}}) {
+        TreeHeader* tree = TreePlant(0, 4, -2, nullptr, 3, 4, 0, -2, nullptr, alloc, nullptr, nullptr);
+        for (int i = 0; i < 3; i++) {  // the third reuses an evicted node's buffer
+            auto* node = reinterpret_cast<unsigned char*>(_getNewTreeNode(tree));
+            std::vector<unsigned char> body(node + sizeof(NodeHead), node + tree->treeNodes.nodeSize);
+            std::vector<unsigned char> zeroBody(body.size(), 0);
+            std::memcpy(zeroBody.data() + offsetof(TreeNode, capacity) - sizeof(NodeHead), &tree->order, 4);
+            EXPECT_EQ(body, zeroBody) << "node " << i << (alloc ? " (dirty allocator)" : "");
+        }
+        TreeFree(tree);
+    }
 }
 
 using NodeCacheDeathTest = NodeCacheTest;

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <string>
 
 #include "support/memory.h"
 
@@ -35,6 +36,54 @@ TEST(TempAlloc, ServesRequestsLargerThanABlock) {
     char* small = static_cast<char*>(TempAlloc(16, &chain));
     memset(small, 1, 16);
     TempFree(&chain);
+}
+
+TEST(TempAlloc, ReusesFreedBlocksAndStillHandsOutZeroedPieces) {
+    TempBlock* chain = nullptr;
+    char* first = static_cast<char*>(TempAlloc(200, &chain));
+    TempBlock* block = chain;
+    memset(first, 0x5A, 200);
+    TempFree(&chain);
+    // The freed block comes back for the next chain, but not the bytes it held.
+    char* again = static_cast<char*>(TempAlloc(200, &chain));
+    EXPECT_EQ(chain, block);
+    EXPECT_EQ(again, first);
+    EXPECT_EQ(std::string(again, 200), std::string(200, '\0'));
+    EXPECT_EQ(chain->next, nullptr);
+    TempFree(&chain);
+}
+
+TEST(ArenaAlloc, PacksZeroedBlocksAndTakesANewChunkWhenFull) {
+    Arena arena{};
+    char* a = static_cast<char*>(ArenaAlloc(&arena, 29, "test"));
+    ASSERT_NE(arena.chunks, nullptr);
+    EXPECT_EQ(a, reinterpret_cast<char*>(arena.chunks + 1));
+    // Rounded up to 8: the next block follows 32 bytes later.
+    char* b = static_cast<char*>(ArenaAlloc(&arena, 1, "test"));
+    EXPECT_EQ(b, a + 32);
+    EXPECT_EQ(std::string(a, 40), std::string(40, '\0'));
+
+    // A block that still fits the chunk exactly stays in it; the next one does not.
+    ArenaChunk* first = arena.chunks;
+    size_t rest = static_cast<size_t>(arena.end - arena.free);
+    char* last = static_cast<char*>(ArenaAlloc(&arena, rest, "test"));
+    EXPECT_EQ(arena.chunks, first);
+    EXPECT_EQ(last + rest, reinterpret_cast<char*>(first) + ARENA_CHUNK_SIZE);
+    char* next = static_cast<char*>(ArenaAlloc(&arena, 8, "test"));
+    EXPECT_NE(arena.chunks, first);
+    EXPECT_EQ(arena.chunks->next, first);
+    EXPECT_EQ(next, reinterpret_cast<char*>(arena.chunks + 1));
+
+    // Larger than a chunk: a chunk of its own, fully usable.
+    const size_t big = 3 * ARENA_CHUNK_SIZE;
+    char* p = static_cast<char*>(ArenaAlloc(&arena, big, "test"));
+    memset(p, 0x5A, big);  // the sanitizer build catches any overrun here
+    EXPECT_EQ(arena.chunks->size, big + sizeof(ArenaChunk));
+    for (ArenaChunk* c = arena.chunks; c;) {
+        ArenaChunk* older = c->next;
+        free(c);
+        c = older;
+    }
 }
 
 TEST(StringObject, GrowsInStepsAndKeepsItsBufferOnSet) {
