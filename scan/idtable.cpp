@@ -11,21 +11,29 @@
 #include "support/memory.h"
 
 
-// The user database's answer per id, kept for the run: the tree still gets
-// its records and slots exactly as without it, but a million entries cost
-// one getpwuid per distinct id instead of one per group lookup.
-static std::unordered_map<uint32_t, std::string> knownNames;
+// What the run has learnt about each id: the user database's name for it,
+// and the tree's answer to a user lookup of it. Nothing is removed from the
+// tree and a refused key changes no answer, so a found record stays the
+// answer until the tree next takes a key; a million entries then cost one
+// getpwuid and about one tree search per distinct id for their owners.
+struct KnownId {
+    std::string name;
+    IdRecord* user = nullptr;  // the tree's answer, while stamp == keysTaken
+    uint64_t stamp = 0;
+};
+static std::unordered_map<uint32_t, KnownId> knownIds;
+static uint64_t keysTaken;  // keys idTree has taken from this module
 
 // The records: never freed, and a refused one is referenced by nothing but
 // its chunk, so they are packed into an arena (32 bytes for a four-letter
 // name instead of a 48-byte heap block).
 static Arena records;
 
-static const std::string& UserName(uint32_t id) {
-    auto [it, added] = knownNames.try_emplace(id);
+static KnownId& Known(uint32_t id) {
+    auto [it, added] = knownIds.try_emplace(id);
     if (added) {
         const struct passwd* pw = getpwuid(id);
-        it->second = pw ? pw->pw_name : "<unknown>";
+        it->second.name = pw ? pw->pw_name : "<unknown>";
     }
     return it->second;
 }
@@ -46,21 +54,34 @@ int32_t IdKeyCmp(const void* keyA, uint32_t, const void* keyB, uint32_t) {
 // WARNING: this function is performance-critical (twice per entry); please
 // benchmark any changes you make to it.
 void CheckIdTree(uint32_t id, uint32_t kind) {
-    IdRecord probe{id, kind, 0, nullptr};
-    IdRecord* key = &probe;
-    if (KeySlot* slot = TreeSearch(idTree, &key, sizeof key)) {
-        memcpy(&key, TreeSlotKey(slot), sizeof key);
-        key->useCount++;
-        return;
+    KnownId& known = Known(id);
+    // Stored records are all of kind 1, so a group lookup never finds one:
+    // its search is skipped, as it could only miss.
+    if (kind != ID_GROUP) {
+        // An empty tree is a new one (the tests plant several): it has taken
+        // no key yet, and its first one outdates every answer.
+        if (known.user && known.stamp == keysTaken && idTree->rootNode != 0) {
+            known.user->useCount++;
+            return;
+        }
+        IdRecord probe{id, kind, 0, nullptr};
+        IdRecord* key = &probe;
+        if (KeySlot* slot = TreeSearch(idTree, &key, sizeof key)) {
+            memcpy(&key, TreeSlotKey(slot), sizeof key);
+            key->useCount++;
+            known.user = key;
+            known.stamp = keysTaken;
+            return;
+        }
     }
-    const std::string& name = UserName(id);
-    size_t length = name.size();
+    size_t length = known.name.size();
     auto* record = static_cast<IdRecord*>(ArenaAlloc(&records, length + 25, "add uid/gid"));
     record->id = id;
     record->idKind = ID_USER;  // whatever kind was asked for
     record->useCount = 1;
     record->userName = reinterpret_cast<char*>(record + 1);
-    memcpy(record->userName, name.data(), length);
-    // A refused key (a record of that number exists) leaves the new record abandoned.
-    TreeAddKey(idTree, &record, sizeof record, nullptr);
+    memcpy(record->userName, known.name.data(), length);
+    // A refused key (a record of that number exists) leaves the new record
+    // abandoned and changes no answer; a key taken may change them all.
+    if (TreeAddKey(idTree, &record, sizeof record, nullptr)) keysTaken++;
 }

@@ -58,6 +58,7 @@ TEST(CheckIdTree, KeepsOneRecordPerNumberAndNamesGroupsFromTheUserDatabase) {
         std::vector<std::string> table;
     } cases[] = {
         {"same user twice", {{0, ID_USER}, {0, ID_USER}}, {"0 2 root"}},
+        {"a new tree knows nothing of the last one", {{0, ID_USER}}, {"0 1 root"}},
         {"group equal to a seen user adds no key and no use", {{0, ID_USER}, {0, ID_GROUP}, {0, ID_GROUP}},
          {"0 1 root"}},
         {"unseen group becomes a user record that users then count",
