@@ -2,88 +2,45 @@
 
 #include <cstring>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "support/memory.h"
 
-TEST(TempAlloc, ServesFromTheNewestBlockAndStartsANewOneWhenFull) {
-    TempBlock* chain = nullptr;
-    char* first = static_cast<char*>(TempAlloc(5, &chain));
-    ASSERT_NE(chain, nullptr);
-    EXPECT_EQ(first, reinterpret_cast<char*>(chain + 1));
-    // Sizes round up to 8, so the next piece follows 8 bytes later.
-    EXPECT_EQ(static_cast<char*>(TempAlloc(1, &chain)), first + 8);
-    // A zero-byte request returns the current free byte without advancing.
-    char* zero = static_cast<char*>(TempAlloc(0, &chain));
-    EXPECT_EQ(zero, first + 16);
-    EXPECT_EQ(static_cast<char*>(TempAlloc(8, &chain)), zero);
-
-    // A request that exactly fills the rest of the block goes to a new block.
-    TempBlock* old = chain;
-    size_t rest = static_cast<size_t>(old->end - old->free);
-    char* filled = static_cast<char*>(TempAlloc(rest, &chain));
-    EXPECT_NE(chain, old);
-    EXPECT_EQ(chain->next, old);
-    EXPECT_EQ(filled, reinterpret_cast<char*>(chain + 1));
-    TempFree(&chain);
-    EXPECT_EQ(chain, nullptr);
-}
-
-TEST(TempAlloc, ServesRequestsLargerThanABlock) {
-    TempBlock* chain = nullptr;
-    const size_t big = 100000;
-    char* p = static_cast<char*>(TempAlloc(big, &chain));
-    memset(p, 0x5A, big);  // the sanitizer build catches any overrun here
-    char* small = static_cast<char*>(TempAlloc(16, &chain));
-    memset(small, 1, 16);
-    TempFree(&chain);
-}
-
-TEST(TempAlloc, ReusesFreedBlocksAndStillHandsOutZeroedPieces) {
-    TempBlock* chain = nullptr;
-    char* first = static_cast<char*>(TempAlloc(200, &chain));
-    TempBlock* block = chain;
-    memset(first, 0x5A, 200);
-    TempFree(&chain);
-    // The freed block comes back for the next chain, but not the bytes it held.
-    char* again = static_cast<char*>(TempAlloc(200, &chain));
-    EXPECT_EQ(chain, block);
-    EXPECT_EQ(again, first);
-    EXPECT_EQ(std::string(again, 200), std::string(200, '\0'));
-    EXPECT_EQ(chain->next, nullptr);
-    TempFree(&chain);
-}
-
-TEST(ArenaAlloc, PacksZeroedBlocksAndTakesANewChunkWhenFull) {
-    Arena arena{};
-    char* a = static_cast<char*>(ArenaAlloc(&arena, 29, "test"));
-    ASSERT_NE(arena.chunks, nullptr);
-    EXPECT_EQ(a, reinterpret_cast<char*>(arena.chunks + 1));
-    // Rounded up to 8: the next block follows 32 bytes later.
-    char* b = static_cast<char*>(ArenaAlloc(&arena, 1, "test"));
-    EXPECT_EQ(b, a + 32);
-    EXPECT_EQ(std::string(a, 40), std::string(40, '\0'));
-
-    // A block that still fits the chunk exactly stays in it; the next one does not.
-    ArenaChunk* first = arena.chunks;
-    size_t rest = static_cast<size_t>(arena.end - arena.free);
-    char* last = static_cast<char*>(ArenaAlloc(&arena, rest, "test"));
-    EXPECT_EQ(arena.chunks, first);
-    EXPECT_EQ(last + rest, reinterpret_cast<char*>(first) + ARENA_CHUNK_SIZE);
-    char* next = static_cast<char*>(ArenaAlloc(&arena, 8, "test"));
-    EXPECT_NE(arena.chunks, first);
-    EXPECT_EQ(arena.chunks->next, first);
-    EXPECT_EQ(next, reinterpret_cast<char*>(arena.chunks + 1));
-
-    // Larger than a chunk: a chunk of its own, fully usable.
-    const size_t big = 3 * ARENA_CHUNK_SIZE;
-    char* p = static_cast<char*>(ArenaAlloc(&arena, big, "test"));
-    memset(p, 0x5A, big);  // the sanitizer build catches any overrun here
-    EXPECT_EQ(arena.chunks->size, big + sizeof(ArenaChunk));
-    for (ArenaChunk* c = arena.chunks; c;) {
-        ArenaChunk* older = c->next;
-        free(c);
-        c = older;
+// Hands out pieces of the given sizes from one allocator and checks that each
+// is 8-aligned and zeroed when handed out, then fills it; afterwards every
+// piece must still hold its own filling (no two overlap; the sanitizer build
+// catches a piece shorter than asked).
+template <typename Alloc>
+void ExpectSeparateZeroedPieces(const std::vector<size_t>& sizes, Alloc alloc) {
+    std::vector<char*> pieces;
+    for (size_t i = 0; i < sizes.size(); i++) {
+        char* p = static_cast<char*>(alloc(sizes[i]));
+        EXPECT_EQ(reinterpret_cast<uintptr_t>(p) % 8, 0u) << i;
+        EXPECT_EQ(std::string(p, sizes[i]), std::string(sizes[i], '\0')) << i;
+        memset(p, 'a' + static_cast<int>(i), sizes[i]);
+        pieces.push_back(p);
     }
+    for (size_t i = 0; i < sizes.size(); i++)
+        EXPECT_EQ(std::string(pieces[i], sizes[i]), std::string(sizes[i], static_cast<char>('a' + i))) << i;
+}
+
+TEST(TempAlloc, PiecesAreSeparateAndZeroedAlsoFromReusedBlocks) {
+    // Small pieces, one that fills a block to the last byte, one larger than a block.
+    const std::vector<size_t> sizes = {5, 1, 0, 8, TEMP_BLOCK_SIZE - sizeof(TempBlock) - 24, 7, 100000, 16};
+    TempBlock* chain = nullptr;
+    for (int round = 0; round < 2; round++) {  // the second round reuses the pooled blocks
+        ExpectSeparateZeroedPieces(sizes, [&](size_t n) { return TempAlloc(n, &chain); });
+        TempFree(&chain);
+        EXPECT_EQ(chain, nullptr);
+    }
+}
+
+TEST(ArenaAlloc, PiecesAreSeparateAndZeroed) {
+    Arena arena{};
+    ExpectSeparateZeroedPieces({29, 1, ARENA_CHUNK_SIZE - sizeof(ArenaChunk) - 40, 8, 3 * ARENA_CHUNK_SIZE, 8},
+                               [&](size_t n) { return ArenaAlloc(&arena, n, "test"); });
+    for (ArenaChunk* c = arena.chunks; c;) free(std::exchange(c, c->next));
 }
 
 TEST(StringObject, GrowsInStepsAndKeepsItsBufferOnSet) {
