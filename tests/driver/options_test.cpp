@@ -191,58 +191,14 @@ TEST(FerrovanOptions, RefusedAndAcceptedLines) {
     }
 }
 
-const char kUsage[] =
-    "\nFerrovan is the data collection program of the Ironvale application suite.\n\n"
-    "Usage: Ferrovan [<scan-root>] [-cfg <config-file>] [-dtl <detail-file>] [-f] \n"
-    "              [-tag <tag-string] [-touch] [-log <log-file>] [-err <err-file>] [-zip]\nwhere:\n"
-    "    <scan-root>\n        specifies the root directory at which to begin the file scan.  If this\n"
-    "        paramter is not present, the -cfg <configuration-file> option must be\n"
-    "        used to specify an scan root.\n    -cfg <config-file>\n"
-    "        specifies the configuration filename.  The syntax of this file is\n        described below.\n"
-    "    -dtl <detail-file>\n        specifies the file to receive the details of the scan.  This file is\n"
-    "        then used as input to Oxbrook to produce detail file-level reports.\n"
-    "        If the option is not present, its default is Ferrovan.dtl.\n    -f\n"
-    "        unconditionally deletes an existing .dtl file with the same name.\n    -tag <tag-string>\n"
-    "        this option is used when the resulting .dtl file is going to be used\n"
-    "        with the Zentrix TVX service package.  <tag-string> is any string up to\n"
-    "        31 characters as assigned by the TVX administration process.\n    -touch\n"
-    "        if present, this option causes the program to read the first block of\n"
-    "        each offline file.  It is used to recall stub file contents after a\n"
-    "        Wendrow import operation.  This option is incompatible with -ads.\n    -threads n\n"
-    "        specifies the number of file processing threads.  The defaualt is 32.\n"
-    "    -log <log-file> and -err <err-file>\n"
-    "        specify files to receive the execution log and any error messages.\n"
-    "        If they are not specified, the defaults at stdout and stderr.\n\t -zip\n"
-    "\t \t if present, this option causes the DTL file created during a scan\n\t \t to be compressed.\n"
-    "Configuration file\n------------------\n"
-    "This file is used to specify include/exclude files and directories for the\n"
-    "scan root.  It must have a single [ScanRoot] section which contains a path\n"
-    "parameter if the root scan path was not specified on the command line and,\n"
-    "optionally, one or more include/exclude directory or file parameters.\nIts form is\n\n[ScanRoot]\n"
-    "path         = <scan-root-directory>\nincludedirs  = <dir-template>\nexcludedirs  = <dir-template>\n"
-    "includefiles = <file-template>\nexcludefiles = <file-template>\n\n"
-    "The <dir-template> and <file-template> values may contain wildcard characters\nwith the following meanings:\n"
-    "\n    ? - any single character not including a path separator\n"
-    "    * - zero or more characters not including a path separator\n    ~ - zero or more characters\n";
-
-const char kVersion[] =
-    "Version 2.2.0 built on Apr  2 2014 at 12:13:49\n\n"
-    "Ferrovan - file scanning component of the Zentrix file system analysis utilities\n\n"
-    "    13 Oct 2006 - Initial release\n    11 Apr 2007 - Added support for difference engine to .dtl files\n"
-    "    10 Jun 2007 - Small bug fixes\n"
-    "     3 Aug 2007 - -touch option made readonly, -recall added for forced recall\n"
-    "     4 Nov 2007 - Build of 'diff' index moved to Quillan.  Scan speed improved \n"
-    "    20 May 2010 - Updates to add debug logging.\n                  Updates to check on invalid file sizes.\n"
-    "    23 Mar 2011 - Added support for Reparse Points.\n                  Added log for reparse points found.\n"
-    "    26 Dec 2012 - Fixed segmentation fault in btree code on Ubuntu Linux 64-bit.\n"
-    "\t 30 Oct 2013 - -zip option for DTL file compression added.                  \n";
-
 TEST(FerrovanOptions, UsageAndVersionTexts) {
-    const std::string program = FerrovanPath();
+    // The texts byte for byte (tabs, trailing blanks and misspellings
+    // included) are kept beside this file.
+    const std::string program = FerrovanPath(), here = FERROVAN_SOURCE_DIR "/tests/driver/";
     const std::pair<std::vector<std::string>, std::string> cases[] = {
         // The texts end the run before anything else is read.
-        {{"+?", "-bogus"}, kUsage + std::string("For version information enter '") + program + " -?V'\n"},
-        {{"-?V"}, kVersion + std::string("For usage information enter '") + program + " -?'\n"},
+        {{"+?", "-bogus"}, ReadFile(here + "usage.txt") + "For version information enter '" + program + " -?V'\n"},
+        {{"-?V"}, ReadFile(here + "version.txt") + "For usage information enter '" + program + " -?'\n"},
     };
     for (const auto& [args, out] : cases) {
         ScopedTempDir dir;
