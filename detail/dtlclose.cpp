@@ -48,19 +48,26 @@ static bool PutInPlace(const char* temp, const char* path) {
     return false;
 }
 
+// Compresses or decompresses the detail file into a fresh temporary file and
+// puts the complete result in place of the original at once.
+static void Rewrite(const char* path, bool compress) {
+    char temp[DTL_TEMP_NAME_SIZE];
+    MakeTempName(path, temp);
+    RequireFreeTempName(path, temp);
+    const char* direction = compress ? "compression" : "decompression";
+    fputs(compress ? "Compressing DTL file\n" : "Decompressing DTL file\n", stdout);
+    fflush(stdout);
+    if ((compress ? compressFile(path, temp) : decompressFile(path, temp)) != 0)
+        PosixErrExit(0, "Error occurred during %s of '%s'\nCould not write temp file: %s\n", direction, path, temp);
+    if (!PutInPlace(temp, path)) PosixErrExit(0, "An unknown error occurred during %s of '%s'\n", direction, path);
+}
+
 void CloseDtlFile(FILE* stream, const char* path, uint32_t zipFlag) {
     // The close flushes the last buffered records, so it is checked like a write.
     if (stream && fclose(stream) != 0) PosixErrExit(0, "Error closing DTL file '%s'\n", path);
     if (zipFlag == 0) return;
     RequireDtlFile(path);
-    char temp[DTL_TEMP_NAME_SIZE];
-    MakeTempName(path, temp);
-    RequireFreeTempName(path, temp);
-    printf("Compressing DTL file\n");
-    fflush(stdout);
-    if (compressFile(path, temp) != 0)
-        PosixErrExit(0, "Error occurred during compression of '%s'\nCould not write temp file: %s\n", path, temp);
-    if (!PutInPlace(temp, path)) PosixErrExit(0, "An unknown error occurred during compression of '%s'\n", path);
+    Rewrite(path, true);
 }
 
 FILE* OpenDtlFile(const char* path, const char* mode, int* wasCompressed) {
@@ -70,14 +77,7 @@ FILE* OpenDtlFile(const char* path, const char* mode, int* wasCompressed) {
     if (!StartsCompressed(stream)) return stream;
     if (wasCompressed) *wasCompressed = 1;
     fclose(stream);
-    char temp[DTL_TEMP_NAME_SIZE];
-    MakeTempName(path, temp);
-    RequireFreeTempName(path, temp);
-    printf("Decompressing DTL file\n");
-    fflush(stdout);
-    if (decompressFile(path, temp) != 0)
-        PosixErrExit(0, "Error occurred during decompression of '%s'\nCould not write temp file: %s\n", path, temp);
-    if (!PutInPlace(temp, path)) PosixErrExit(0, "An unknown error occurred during decompression of '%s'\n", path);
+    Rewrite(path, false);
     stream = fopen(path, mode);
     if (!stream) PosixErrExit(0, "Unable to open scan detail file '%s'\n", path);
     return stream;
