@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "detail/dtlread.h"
+#include "reader/dtlread.h"
 #include "detail/format.h"
 
 namespace {

@@ -8,13 +8,13 @@
 #include "btree/btree.h"
 #include "config/roots.h"
 #include "config/templates.h"
-#include "detail/dtlread.h"
+#include "reader/dtlread.h"
 #include "detail/writer.h"
 #include "driver/globals.h"
 #include "driver/run.h"
 #include "scan/dispatch.h"
 #include "support/byteorder.h"
-#include "tests/detail/dtlbuilder.h"
+#include "tests/support/dtlbuilder.h"
 #include "tests/support/testutil.h"
 
 namespace {

@@ -15,7 +15,7 @@
 #include <vector>
 
 #include "support/numfmt.h"
-#include "tests/detail/dtlbuilder.h"
+#include "tests/support/dtlbuilder.h"
 #include "tests/support/testutil.h"
 #include "tests/support/treebuilder.h"
 

@@ -1,4 +1,5 @@
 list(APPEND FERROVAN_TEST_SOURCES
+  support/dtlbuilder.cpp
   support/helpers_test.cpp
   support/memory_test.cpp
   support/numfmt_test.cpp

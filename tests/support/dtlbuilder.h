@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-#include "detail/dtlread.h"
+#include "reader/dtlread.h"
 
 /// One entry record.
 struct FakeEntry {

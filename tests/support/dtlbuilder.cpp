@@ -1,4 +1,4 @@
-#include "tests/detail/dtlbuilder.h"
+#include "tests/support/dtlbuilder.h"
 
 #include <algorithm>
 #include <map>

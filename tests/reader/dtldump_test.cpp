@@ -4,7 +4,7 @@
 #include <vector>
 
 #include "detail/compress.h"
-#include "tests/detail/dtlbuilder.h"
+#include "tests/support/dtlbuilder.h"
 #include "tests/support/testutil.h"
 
 namespace {

@@ -22,7 +22,7 @@
 #include <string>
 #include <string_view>
 
-#include "detail/dtlread.h"
+#include "reader/dtlread.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "detail/dtlread.h"
+#include "reader/dtlread.h"
 
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -6,7 +6,7 @@
 #include <algorithm>
 #include <string>
 
-#include "tests/detail/dtlbuilder.h"
+#include "tests/support/dtlbuilder.h"
 #include "tests/support/testutil.h"
 
 namespace {

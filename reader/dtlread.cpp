@@ -1,4 +1,4 @@
-#include "detail/dtlread.h"
+#include "reader/dtlread.h"
 
 #include <fcntl.h>
 #include <unistd.h>

@@ -1,0 +1,4 @@
+list(APPEND FERROVAN_TEST_SOURCES
+  reader/dtldump_test.cpp
+  reader/dtlread_test.cpp
+)
