@@ -10,10 +10,10 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "driver/globals.h"
 #include "log/log.h"
 #include "support/memory.h"
 
+char srvrName[64];
 AuditRoot* rootList = nullptr;
 AuditRoot* rootLast = nullptr;
 int rootCount = 0;

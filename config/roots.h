@@ -5,7 +5,8 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "config/templates.h"
+struct TemplateRec;
+
 
 /// One scan root (136 bytes, zero-filled from GetMem, never freed).
 struct AuditRoot {
@@ -52,6 +53,7 @@ static_assert(offsetof(AuditRoot, otherCount) == 124);
 static_assert(offsetof(AuditRoot, symlinkCount) == 128);
 static_assert(offsetof(AuditRoot, hardLinkCount) == 132);
 
+extern char srvrName[64];    ///< this machine's node name; filled by the driver at start
 extern AuditRoot* rootList;  ///< first scan root; null until one is declared
 extern AuditRoot* rootLast;  ///< last scan root
 extern int rootCount;        ///< number of validated roots

@@ -74,7 +74,7 @@ static bool NextChunk(int in, uint64_t* remaining, size_t* got) {
     return true;
 }
 
-static bool FlushOut(int out, size_t used) {
+static bool WriteOutBuffer(int out, size_t used) {
     if (WriteFull(out, s_outbuf, used)) return true;
     Say("Failed writing to output file!");
     return false;
@@ -113,7 +113,7 @@ static int DeflateLoop(int in, uint64_t size, int out) {
             return 1;
         }
         if (z.avail_out == 0 || status == Z_STREAM_END) {
-            if (!FlushOut(out, COMPRESS_BUFFER_SIZE - z.avail_out)) return 1;
+            if (!WriteOutBuffer(out, COMPRESS_BUFFER_SIZE - z.avail_out)) return 1;
             z.next_out = s_outbuf;
             z.avail_out = COMPRESS_BUFFER_SIZE;
         }
@@ -176,7 +176,7 @@ static int InflateLoop(int in, uint64_t size, int out) {
         if (z.avail_out == 0 || status == Z_STREAM_END) {
             size_t used = COMPRESS_BUFFER_SIZE - z.avail_out;
             adler = adler32(adler, s_outbuf, static_cast<uInt>(used));
-            if (!FlushOut(out, used)) return 1;
+            if (!WriteOutBuffer(out, used)) return 1;
             z.next_out = s_outbuf;
             z.avail_out = COMPRESS_BUFFER_SIZE;
         }

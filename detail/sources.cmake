@@ -1,6 +1,6 @@
 list(APPEND FERROVAN_CORE_SOURCES
   detail/compress.cpp
-  detail/dtlclose.cpp
+  detail/dtlfile.cpp
   detail/format.cpp
   detail/writer.cpp
 )

@@ -4,25 +4,30 @@
 
 #include <cerrno>
 #include <cstring>
-#include <iterator>
 
 #include "btree/btree.h"
 #include "config/roots.h"
 #include "config/templates.h"
 #include "detail/format.h"
-#include "driver/globals.h"
 #include "log/log.h"
-#include "scan/dispatch.h"
+#include "detail/record.h"
 #include "support/byteorder.h"
 #include "support/memory.h"
 #include "support/utf8.h"
+#include "support/version.h"
 
+FILE* dtlFile = nullptr;
+const char* dtlFileName = "ferro.dtl";
+char* tagStr = nullptr;
+time_t timeStamp = 0;
+char* compiledArchitecture = nullptr;
 int32_t headerStrOffset = DTL_STRINGS_POS;
 unsigned char* logHdr = nullptr;
+TreeHeader* hlinkTree = nullptr;
+FILE* hlinkFile = nullptr;
 uint64_t hlinkFilePos = 0;
-uint64_t dirPathStack[100];
+uint64_t dirPathStack[DTL_MAX_OPEN_DIRS];
 int32_t dirPathStackPtr = -1;
-const char* dtlFileName = "ferro.dtl";
 
 // Records go through one large buffer holding the bytes from outBase on;
 // headers and directory completions are positioned writes. Every write is
@@ -43,6 +48,32 @@ static_assert(sizeof(HardLinkInfo) == 16);
 static_assert(offsetof(HardLinkInfo, lastEntryPos) == 0);
 static_assert(offsetof(HardLinkInfo, linkCount) == 8);
 static_assert(offsetof(HardLinkInfo, seenCount) == 12);
+
+void DtlWriterOpen(FILE* stream, const char* name, time_t runTime, const char* tag, const char* architecture) {
+    dtlFile = stream;
+    dtlFileName = name;
+    timeStamp = runTime;
+    compiledArchitecture = const_cast<char*>(architecture);
+    tagStr = static_cast<char*>(GetMem(DTL_TAG_LENGTH + 1, "tag string"));
+    memset(tagStr, ' ', DTL_TAG_LENGTH);
+    for (size_t i = 0; tag && i < DTL_TAG_LENGTH && tag[i]; i++) tagStr[i] = tag[i];
+}
+
+TreeHeader* PlantHardLinkTree() {
+    return TreePlant(0, 512, -513, nullptr, 512, sizeof(uint32_t), sizeof(HardLinkInfo), 10000000, nullptr, nullptr,
+                     nullptr, nullptr);
+}
+
+void HardLinkTableOpen() {
+    hlinkTree = PlantHardLinkTree();
+    hlinkFile = tmpfile();
+    if (!hlinkFile) PosixErrExit(0, "Unable to create hard link temp file\n");
+}
+
+void HardLinkTableFree() {
+    TreeFree(hlinkTree);
+    hlinkTree = nullptr;
+}
 
 [[noreturn]] static void WriteFailed() { PosixErrExit(0, "Unable to write audit detail file '%s'\n", dtlFileName); }
 
@@ -80,7 +111,7 @@ static void GetAt(int64_t offset, void* bytes, size_t n) {
     }
 }
 
-static void FlushOut() {
+static void FlushRecords() {
     PutAt(outBase, outBuf, outLen);
     outBase += static_cast<int64_t>(outLen);
     outLen = 0;
@@ -88,7 +119,7 @@ static void FlushOut() {
 
 // Room for n more bytes at the end of the buffer.
 static unsigned char* Reserve(size_t n) {
-    if (outLen + n > OUT_BUFFER_SIZE) FlushOut();
+    if (outLen + n > OUT_BUFFER_SIZE) FlushRecords();
     unsigned char* p = outBuf + outLen;
     outLen += n;
     return p;
@@ -143,7 +174,7 @@ void WriteRootHeader(AuditRoot* root) {
 
 void WriteVersionHeader() {
     DtlVersionHeader header;
-    EncodeVersionHeader(&header, "2.2.0", "Mac", compiledArchitecture);
+    EncodeVersionHeader(&header, FERROVAN_VERSION, "Mac", compiledArchitecture);
     PutAt(DTL_VERSION_HEADER_POS, &header, sizeof header);
 }
 
@@ -166,8 +197,8 @@ void WriteLogHeaders() {
 
 // A directory is entered: its header record, remembered until it is left.
 static void DirectoryStart(const FileRecord* record) {
-    if (dirPathStackPtr + 1 >= static_cast<int32_t>(std::size(dirPathStack)))
-        ErrExit("Directory nesting deeper than %zu levels: '%s'\n", std::size(dirPathStack), record->dirPath->text);
+    if (dirPathStackPtr + 1 >= DTL_MAX_OPEN_DIRS)
+        ErrExit("Directory nesting deeper than %d levels: '%s'\n", DTL_MAX_OPEN_DIRS, record->dirPath->text);
     dirPathStack[++dirPathStackPtr] = static_cast<uint64_t>(DtlPosition());
     uint32_t nameLength = ChrUtfLen(record->dirPath->text);
     unsigned char* out = Reserve(sizeof(DtlRecordFixed) + static_cast<uint16_t>(nameLength));
@@ -217,9 +248,9 @@ static bool RecordHardLink(const FileRecord* record, int64_t recordPos) {
     return first;
 }
 
-// WARNING: this function is performance-critical (once per entry); please
-// benchmark any changes you make to it.
-static void Entry(const FileRecord* record) {
+// Runs once per entry: the record is built straight into the output buffer,
+// with no allocation and no system call until the buffer is full.
+static void WriteEntryRecord(const FileRecord* record) {
     int64_t at = DtlPosition();
     AuditRoot* root = record->root;
     const struct stat& st = record->statData;
@@ -252,7 +283,7 @@ int LogDetailData(FileRecord* record) {
     switch (record->recordKind) {
         case RECORD_DIR_START: DirectoryStart(record); break;
         case RECORD_DIR_END: DirectoryEnd(record); break;
-        default: Entry(record); break;
+        default: WriteEntryRecord(record); break;
     }
     return 0;
 }
@@ -278,7 +309,7 @@ void LogRootTotals(AuditRoot* root) {
     EncodeEndMarker(&marker);
     memcpy(Reserve(sizeof marker), &marker, sizeof marker);
     int64_t end = DtlPosition();
-    FlushOut();
+    FlushRecords();
 
     int64_t rootAt = DTL_ROOT_HEADER_POS + static_cast<int64_t>(root->rootIndex) * static_cast<int64_t>(sizeof(DtlRootHeader));
     DtlRootHeader header;
@@ -299,7 +330,7 @@ void LogRootTotals(AuditRoot* root) {
     if (root->hardLinkCount > 0) {
         log->hardLinkTableOffset = logInt64(static_cast<uint64_t>(end));
         AppendHardLinkTable(static_cast<uint64_t>(root->hardLinkCount));
-        FlushOut();
+        FlushRecords();
     }
     // Only a file whose every other byte is on disk is marked finished.
     log->magic = logInt(DTL_MAGIC_COMPLETE);

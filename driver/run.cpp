@@ -9,9 +9,9 @@
 #include <ctime>
 
 #include "config/configfile.h"
-#include "btree/btree.h"
 #include "config/roots.h"
-#include "detail/dtlclose.h"
+#include "detail/dtlfile.h"
+#include "detail/format.h"
 #include "detail/writer.h"
 #include "driver/globals.h"
 #include "driver/options.h"
@@ -21,20 +21,17 @@
 #include "support/byteorder.h"
 #include "support/memory.h"
 
-// The bytes "IDTL" read as a little-endian word: a detail file whose run never finished.
-constexpr uint32_t UNFINISHED_MAGIC = 0x4C544449;
-constexpr size_t LOG_HEADER_SIZE = 88;
-
 void CheckExistingDtlFile(const char* name) {
     FILE* f = fopen(name, "r");
     if (!f) return;
-    unsigned char block[LOG_HEADER_SIZE];
+    // A whole log header beginning "IDTL": the run that wrote it never finished.
+    unsigned char block[sizeof(DtlLogHeader)];
     size_t got = fread(block, 1, sizeof block, f);
     fclose(f);
     if (got == sizeof block) {
         uint32_t magic;
         memcpy(&magic, block, sizeof magic);
-        if (logInt(magic) == UNFINISHED_MAGIC) return;
+        if (logInt(magic) == DTL_MAGIC_UNFINISHED) return;
     }
     printf("File '%s' already exists\n", name);
     printf("Do you want to overwrite it (Y or N): ");
@@ -43,12 +40,6 @@ void CheckExistingDtlFile(const char* name) {
     if (scanf("%c", &answer) == 1 && (answer | 0x20) == 'y') return;
     printf("No further actions available. Exiting now.");
     exit(0);
-}
-
-void MakeTag(const char* tag) {
-    tagStr = static_cast<char*>(GetMem(32, "tag string"));
-    memset(tagStr, ' ', 31);
-    for (int i = 0; tag && i < 31 && tag[i]; i++) tagStr[i] = tag[i];
 }
 
 const char* FormatElapsed(long long seconds, char* out) {
@@ -76,8 +67,8 @@ static void TakeCommandLineRoot(int argc, char** argv) {
 }
 
 int RunFerrovan(int argc, char** argv) {
-    compiledArchitecture = static_cast<char*>(GetMem(32, "Architecture"));
-    snprintf(compiledArchitecture, 32, "%s", "IA32");
+    auto* architecture = static_cast<char*>(GetMem(32, "Architecture"));
+    snprintf(architecture, 32, "%s", "IA32");
     WhichEnd();
     struct utsname node;
     if (uname(&node) == 0) {
@@ -99,15 +90,13 @@ int RunFerrovan(int argc, char** argv) {
     const char* dtlName = (cmdOpts[CMD_DTL].optFlags & OPT_FOUND) ? cmdOpts[CMD_DTL].optArg : "ferro.dtl";
     struct stat st;
     if (stat(dtlName, &st) == 0 && !force) CheckExistingDtlFile(dtlName);
-    dtlFile = fopen(dtlName, "w+b");
-    if (!dtlFile) PosixErrExit(0, "Unable to create audit detail file '%s'\n", dtlName);
-    dtlFileName = dtlName;
+    FILE* dtl = fopen(dtlName, "w+b");
+    if (!dtl) PosixErrExit(0, "Unable to create audit detail file '%s'\n", dtlName);
+    time_t start = time(nullptr);
+    DtlWriterOpen(dtl, dtlName, start, cmdOpts[CMD_TAG].optArg, architecture);
 
-    MakeTag(cmdOpts[CMD_TAG].optArg);
-
-    timeStamp = time(nullptr);
     char startText[47];
-    strftime(startText, sizeof startText, "%a, %d %b, %Y at %X", localtime(&timeStamp));
+    strftime(startText, sizeof startText, "%a, %d %b, %Y at %X", localtime(&start));
 
     LogEntry("Zentrix Filesystem Audit Utility\n\n");
     if (cmdOpts[CMD_CFG].optFlags & OPT_FOUND) ProcessConfigFile(cmdOpts[CMD_CFG].optArg);
@@ -116,23 +105,18 @@ int RunFerrovan(int argc, char** argv) {
     LogEntry("Run on: %s, Timestamp: %s\n\n", srvrName, startText);
     WriteLogHeaders();
 
-    // Owner ids (keys are addresses of IdRecords) and hard-linked inodes
-    // (4-byte inode keys with 16 bytes of chain data), in temporary page files.
-    idTree = TreePlant(0, 512, -513, nullptr, 128, 8, 0, 50000000, nullptr, nullptr, nullptr, IdKeyCmp);
-    hlinkTree = TreePlant(0, 512, -513, nullptr, 512, 4, 16, 10000000, nullptr, nullptr, nullptr, nullptr);
-    hlinkFile = tmpfile();
-    if (!hlinkFile) PosixErrExit(0, "Unable to create hard link temp file\n");
+    IdTableOpen();
+    HardLinkTableOpen();
     for (AuditRoot* root = rootList; root; root = root->next) ProcessRoot(root);
 
     time_t end = time(nullptr);
     struct tm* endTm = localtime(&end);
     LogEntry("\nEnd time: %02d:%02d:%02d\n", endTm->tm_hour, endTm->tm_min, endTm->tm_sec);
     char elapsed[48];
-    LogEntry("%s", FormatElapsed(static_cast<long long>(end - timeStamp), elapsed));
+    LogEntry("%s", FormatElapsed(static_cast<long long>(end - start), elapsed));
 
-    TreeFree(idTree);
-    TreeFree(hlinkTree);
-    idTree = hlinkTree = nullptr;
+    IdTableFree();
+    HardLinkTableFree();
 
     CloseDtlFile(dtlFile, dtlName, zipFlag);
     return 0;

@@ -10,9 +10,6 @@ int RunFerrovan(int argc, char** argv);
 /// answer is not y or Y.
 void CheckExistingDtlFile(const char* name);
 
-/// Fills tagStr: 31 blanks overlaid by up to 31 characters of tag (may be null).
-void MakeTag(const char* tag);
-
 /// Formats an elapsed time in seconds as the log's " Elapsed: hh:mm:ss" line
 /// (a difference of 0 shows as one second) into out (at least 48 bytes).
 const char* FormatElapsed(long long seconds, char* out);

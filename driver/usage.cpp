@@ -8,6 +8,7 @@
 #include <iterator>
 
 #include "driver/options.h"
+#include "support/version.h"
 
 // One entry per line, each printed with puts.
 static constexpr const char* usageLine[] = {
@@ -71,7 +72,7 @@ static constexpr const char* usageLine[] = {
 static_assert(std::size(usageLine) == 56);
 
 static constexpr const char* versionLine[] = {
-    "Version 2.2.0 built on Apr  2 2014 at 12:13:49",
+    "Version " FERROVAN_VERSION " built on Apr  2 2014 at 12:13:49",
     "",
     "Ferrovan - file scanning component of the Zentrix file system analysis utilities",
     "",

@@ -7,9 +7,9 @@
 #include <unordered_map>
 
 #include "btree/btree.h"
-#include "driver/globals.h"
 #include "support/memory.h"
 
+TreeHeader* idTree = nullptr;
 
 // What the run has learnt about each id: the user database's name for it,
 // and the tree's answer to a user lookup of it. Nothing is removed from the
@@ -29,7 +29,7 @@ static uint64_t keysTaken;  // keys idTree has taken from this module
 // name instead of a 48-byte heap block).
 static Arena records;
 
-static KnownId& Known(uint32_t id) {
+static KnownId& LearnId(uint32_t id) {
     auto [it, added] = knownIds.try_emplace(id);
     if (added) {
         const struct passwd* pw = getpwuid(id);
@@ -51,10 +51,21 @@ int32_t IdKeyCmp(const void* keyA, uint32_t, const void* keyB, uint32_t) {
     return static_cast<int32_t>(a->id - b->id);
 }
 
-// WARNING: this function is performance-critical (twice per entry); please
-// benchmark any changes you make to it.
+TreeHeader* PlantIdTree() {
+    return TreePlant(0, 512, -513, nullptr, 128, sizeof(IdRecord*), 0, 50000000, nullptr, nullptr, nullptr, IdKeyCmp);
+}
+
+void IdTableOpen() { idTree = PlantIdTree(); }
+
+void IdTableFree() {
+    TreeFree(idTree);
+    idTree = nullptr;
+}
+
+// Runs twice per entry: an answer already known must cost no tree search and
+// no allocation.
 void CheckIdTree(uint32_t id, uint32_t kind) {
-    KnownId& known = Known(id);
+    KnownId& known = LearnId(id);
     // Stored records are all of kind 1, so a group lookup never finds one:
     // its search is skipped, as it could only miss.
     if (kind != ID_GROUP) {

@@ -5,6 +5,10 @@
 #include <cstddef>
 #include <cstdint>
 
+struct TreeHeader;
+
+extern TreeHeader* idTree;  ///< owner and group ids (IdTableOpen)
+
 /// One id in the table (from an arena, never freed); the name follows in the same block.
 struct IdRecord {
     uint32_t id;        ///< the user or group id
@@ -20,6 +24,14 @@ static_assert(offsetof(IdRecord, userName) == 16);
 
 constexpr uint32_t ID_USER = 1;   ///< idKind of a user id
 constexpr uint32_t ID_GROUP = 2;  ///< idKind of a group id
+
+/// A fresh owner tree: 8-byte keys holding IdRecord addresses, ordered by
+/// IdKeyCmp, in temporary page files. Exits 1 when they cannot be created.
+TreeHeader* PlantIdTree();
+/// Plants idTree for the run.
+void IdTableOpen();
+/// Frees idTree and its page files.
+void IdTableFree();
 
 /// Counts one use of id in idTree. A known key gains a use; otherwise the id
 /// is named from the user database (for groups too) and a record of kind 1

@@ -11,12 +11,13 @@
 #include "config/roots.h"
 #include "config/templates.h"
 #include "detail/writer.h"
-#include "driver/globals.h"
 #include "log/log.h"
 #include "scan/accesspath.h"
 #include "scan/dispatch.h"
 #include "scan/totals.h"
 #include "support/memory.h"
+
+uint32_t showProgress = 0;
 
 // Directory entries are read in large batches into one buffer for the whole
 // run: a directory is read completely before any subdirectory is opened.
@@ -55,8 +56,8 @@ static bool IsDotOrDotDot(const char* name) {
 
 // Reads the open directory fd to its end and records every entry as it is
 // read; subdirectories are appended to *subdirs from chain, to be walked later.
-// WARNING: this function is performance-critical (its loop runs once per
-// entry); please benchmark any changes you make to it.
+// Its loop runs once per entry: one fstatat each, no allocation but a
+// subdirectory's node, no path built.
 static DirTally ReadDirectory(int fd, const char* accessPath, const char* logicalPath, AuditRoot* root,
                               TempBlock** chain, SubdirNode** subdirs) {
     DirTally tally{};

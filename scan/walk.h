@@ -12,11 +12,16 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "detail/writer.h"
+
 struct AuditRoot;
+
+extern uint32_t showProgress;  ///< not 0 when -p asks the walk to log every directory it enters
 
 /// Deepest directory level the walk enters; the root is level 1. The detail
 /// writer keeps one open-directory position per level.
 constexpr int MAX_DIR_LEVEL = 100;
+static_assert(MAX_DIR_LEVEL <= DTL_MAX_OPEN_DIRS, "the writer must hold every directory the walk enters");
 /// Size of an access-path buffer: an entry's access path and its terminator must fit.
 constexpr size_t ACCESS_PATH_SIZE = 4096;
 

@@ -4,6 +4,7 @@
 #include <cstdlib>
 
 #include "config/roots.h"
+#include "config/templates.h"
 
 /// Frees the four template lists of root.
 inline void FreeTemplateLists(AuditRoot* root) {

@@ -11,7 +11,7 @@
 #include <set>
 
 #include "detail/compress.h"
-#include "detail/dtlclose.h"
+#include "detail/dtlfile.h"
 #include "tests/support/testutil.h"
 
 namespace {

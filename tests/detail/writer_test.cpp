@@ -10,9 +10,7 @@
 #include "config/templates.h"
 #include "reader/dtlread.h"
 #include "detail/writer.h"
-#include "driver/globals.h"
-#include "driver/run.h"
-#include "scan/dispatch.h"
+#include "detail/record.h"
 #include "support/byteorder.h"
 #include "tests/support/dtlbuilder.h"
 #include "tests/support/testutil.h"
@@ -28,15 +26,12 @@ struct WriterRun {
 
     explicit WriterRun(const FakeScan& scan) {
         WhichEnd();
-        dtlFile = fopen(path.c_str(), "w+b");
-        hlinkFile = tmpfile();
-        hlinkTree = TreePlant(0, 512, -513, nullptr, 512, 4, 16, 10000000, nullptr, nullptr, nullptr, nullptr);
+        DtlWriterOpen(fopen(path.c_str(), "w+b"), path.c_str(), scan.runTime,
+                      scan.tag.empty() ? nullptr : scan.tag.c_str(), "IA32");
+        HardLinkTableOpen();
         hlinkFilePos = 0;
         dirPathStackPtr = -1;
-        compiledArchitecture = const_cast<char*>("IA32");
         snprintf(srvrName, sizeof srvrName, "%s", scan.nodeName.c_str());
-        MakeTag(scan.tag.empty() ? nullptr : scan.tag.c_str());
-        timeStamp = scan.runTime;
         root->path = const_cast<char*>(scan.rootPath.c_str());
         root->mountSource = scan.mountSource.empty() ? nullptr : const_cast<char*>(scan.mountSource.c_str());
         // Lists hold their newest template first.
@@ -51,9 +46,8 @@ struct WriterRun {
     ~WriterRun() {
         fclose(dtlFile);
         fclose(hlinkFile);
-        TreeFree(hlinkTree);
+        HardLinkTableFree();
         dtlFile = hlinkFile = nullptr;
-        hlinkTree = nullptr;
         rootList = rootLast = nullptr;
         FreeStringObject(record->dirPath);
         FreeStringObject(record->linkTarget);

@@ -8,9 +8,7 @@
 
 #include <string>
 
-#include "btree/btree.h"
 #include "config/roots.h"
-#include "driver/globals.h"
 #include "log/log.h"
 #include "scan/dispatch.h"
 #include "scan/idtable.h"
@@ -33,7 +31,7 @@ TEST(ProcessFile, ReadsLinkTargetsCutAtTheLstatSizeWithoutStaleBytes) {
         {"long", 4, "abcd"},  // grew: cut at the lstat size
         {"gone", 6, ""},      // cannot be read: empty
     };
-    idTree = TreePlant(0, 512, -513, nullptr, 128, 8, 0, 50000000, nullptr, nullptr, nullptr, IdKeyCmp);
+    IdTableOpen();
     dispatchDirFd = open(dir.path.c_str(), O_RDONLY | O_DIRECTORY);
     ASSERT_GE(dispatchDirFd, 0);
     FileRecord record{};
@@ -52,8 +50,7 @@ TEST(ProcessFile, ReadsLinkTargetsCutAtTheLstatSizeWithoutStaleBytes) {
     close(dispatchDirFd);
     dispatchDirFd = AT_FDCWD;
     FreeStringObject(record.linkTarget);
-    TreeFree(idTree);
-    idTree = nullptr;
+    IdTableFree();
 }
 
 TEST(ProcessSubdir, ASubdirectoryReplacedSinceItWasListedIsReportedNotFollowed) {

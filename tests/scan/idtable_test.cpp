@@ -5,8 +5,6 @@
 #include <string>
 #include <vector>
 
-#include "btree/btree.h"
-#include "driver/globals.h"
 #include "scan/idtable.h"
 
 namespace {
@@ -68,11 +66,10 @@ TEST(CheckIdTree, KeepsOneRecordPerNumberAndNamesGroupsFromTheUserDatabase) {
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
-        idTree = TreePlant(0, 512, -513, nullptr, 128, 8, 0, 50000000, nullptr, nullptr, nullptr, IdKeyCmp);
+        IdTableOpen();
         for (const Lookup& l : c.lookups) CheckIdTree(l.id, l.kind);
         EXPECT_EQ(Table(), c.table);
-        TreeFree(idTree);
-        idTree = nullptr;
+        IdTableFree();
     }
 }
 

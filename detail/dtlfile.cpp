@@ -1,4 +1,4 @@
-#include "detail/dtlclose.h"
+#include "detail/dtlfile.h"
 
 #include <sys/stat.h>
 #include <unistd.h>
