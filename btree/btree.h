@@ -18,7 +18,8 @@
 // moment, so each cache holds at least MIN_CACHED_NODES nodes (a smaller
 // request is raised to it). No node is pinned.
 //
-// Deletion keeps its historical removal step (see TreeDeleteKey) and never
+// Deletion keeps its removal step exactly (see TreeDeleteKey: saved trees
+// and the tools that load them depend on the layout it leaves) and never
 // adjusts ancestors, so an inner entry may still name a deleted greatest key
 // (whose slot is therefore not reused). A search that meets such a stale key,
 // or a leaf whose keys are all smaller than the search key, reports the key as
@@ -226,7 +227,7 @@ TreeHeader* TreePlant(uint32_t flags, uint32_t order, int32_t treeMemory, const 
                       const char* keyFileName, TreeAllocFn allocFn, TreeFreeFn freeFn, TreeCompareFn compareFn);
 /// Releases the tree, its cached nodes and its page files (null is ignored).
 /// In the shared-file mode it closes the tree table's own fd field (0) and
-/// leaves the shared descriptor open, as it always has.
+/// leaves the shared descriptor open for its owner to close.
 void TreeFree(TreeHeader* tree);
 
 /// Installs the functions, points the tables at their counters and
@@ -270,7 +271,7 @@ inline KeySlot* _slotAt(const TreeHeader* tree, KeyNode* node, uint32_t index) {
 }
 /// The slot an entry names, with its slotLink set to its data address when
 /// the tree has data.
-/// WARNING: per-entry hot path (one call per key comparison).
+/// Runs once per key comparison: no call but the node lookups.
 inline KeySlot* _keyAddr(TreeHeader* tree, const NodeEntry* entry) {
     KeySlot* slot = _slotAt(tree, _keyNodeAddr(tree, entry->keyNode), entry->keySlot);
     if (tree->dataLength > 0) {

@@ -62,8 +62,7 @@ void _fetchNode(TreeHeader* tree, NodeTable* table, uint32_t nodeNumber, void* b
 
 // Index of the element holding nodeNumber, or of the first greater one
 // (count when all are smaller).
-// WARNING: per-entry hot path (every key comparison addresses a key node);
-// benchmark any change with bench/btree_bench.
+// Runs for every key comparison that misses the node index: no allocation.
 static inline uint32_t TablePlace(const uint32_t* numbers, const NodeTable* table, uint32_t nodeNumber) {
     int32_t count = static_cast<int32_t>(table->count);
     if (count == 0 || nodeNumber > numbers[count - 1]) return static_cast<uint32_t>(count);
@@ -186,9 +185,8 @@ static NodeHead* Evict(TreeHeader* tree, NodeTable* table, uint32_t* placeOut) {
     return buffer;
 }
 
-// WARNING: per-entry hot path: the scanner's searches page a key node for every
-// comparison. Hits are found through the node index; only a miss searches the
-// sorted array. Benchmark any change with bench/btree_bench.
+// Runs for every key comparison: hits are found through the node index
+// without a search; only a miss searches the sorted array or pages.
 NodeHead* _nodeAddr(TreeHeader* tree, NodeTable* table, uint32_t nodeNumber) {
     NodeHead* newest = table->newestNode;
     if (newest && newest->nodeNumber == nodeNumber) return newest;

@@ -179,7 +179,8 @@ void FixNodeTable(TreeHeader* tree, NodeTable* table) {
     }
     // Each node's saved older and newer numbers are matched against the other
     // cached nodes in table order; after a match the held value is the address,
-    // whose low 32 bits later nodes are compared with. Kept as it always worked.
+    // whose low 32 bits later nodes are compared with. Trees saved by earlier
+    // runs load only through this exact matching.
     bool matched = sorted;
     for (uint32_t a = 0; a < table->count && matched; a++) {
         NodeHead* node = table->nodes[a];

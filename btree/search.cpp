@@ -33,8 +33,8 @@ static inline int32_t BytesCmp(const void* a, uint32_t aLen, const void* b, uint
 
 int32_t _keyCmp(const void* a, uint32_t aLen, const void* b, uint32_t bLen) { return BytesCmp(a, aLen, b, bLen); }
 
-// WARNING: per-entry hot path, as the two functions below. The default
-// comparison is inlined instead of called through the pointer.
+// Runs for every key comparison: the default comparison is inlined instead of
+// called through the pointer.
 static inline int32_t CompareWith(TreeHeader* tree, const void* key, uint32_t keyLen, const NodeEntry* entry,
                                   KeySlot** slotOut) {
     KeySlot* slot = _keyAddr(tree, entry);
@@ -98,8 +98,7 @@ static int NotFoundAt(TreeHeader* tree, TreeNode* leaf, int32_t index, NodeEntry
     return 0;
 }
 
-// WARNING: per-entry hot path: the scanner searches idTree twice per entry and
-// hlinkTree for every linked entry; benchmark any change with bench/btree_bench.
+// Runs for every search of the owner and hard-link tables: no allocation.
 int _treeSearch(TreeHeader* tree, const void* key, uint32_t keyLen, NodeEntry** entryOut, TreeNode** nodeOut) {
     if (tree->rootNode == 0) {
         *entryOut = nullptr;

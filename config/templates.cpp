@@ -55,8 +55,8 @@ void AddExcludeFile(AuditRoot* root, const char* text) { AddIncludeExcludeTempla
 
 static bool IsRunCode(unsigned char c) { return c >= TEMPLATE_ONE && c <= TEMPLATE_ANY; }
 
-// WARNING: runs for every entry of a scan (and for every template of the
-// root); keep it allocation-free and linear, and benchmark any change.
+// Runs for every entry of a scan and every template of the root: no
+// allocation, and linear in the text.
 //
 // A wildcard run followed by a literal matches when some later occurrence of
 // that literal lets the rest of the template match the rest of the text. Any

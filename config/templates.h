@@ -39,15 +39,12 @@ constexpr char TEMPLATE_ANY = 3;   ///< '~': any characters at all
 /// A length of 0 or less gives the empty template.
 uint32_t ConvertTemplate(const char* src, int srcLength, char* dst, uint32_t* dstLength);
 
-/// Converts text and pushes it as a new record in front of *listHead.
+/// Converts text and pushes it as a new record in front of *listHead. The
+/// four functions below push onto one of root's lists.
 void AddIncludeExcludeTemplate(TemplateRec** listHead, const char* text);
-/// Adds a directory include template to root.
 void AddIncludeDir(AuditRoot* root, const char* text);
-/// Adds a directory exclude template to root.
 void AddExcludeDir(AuditRoot* root, const char* text);
-/// Adds a file include template to root.
 void AddIncludeFile(AuditRoot* root, const char* text);
-/// Adds a file exclude template to root.
 void AddExcludeFile(AuditRoot* root, const char* text);
 
 /// 1 when the whole text matches the whole converted template, else 0.

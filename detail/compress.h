@@ -31,8 +31,8 @@ constexpr int DEFLATE_MAX_LAZY = 128;
 constexpr int DEFLATE_NICE_LENGTH = 258;
 constexpr int DEFLATE_MAX_CHAIN = 96;
 
-// Statuses printed with "tinfl_decompress() failed with status %i!" (the
-// message keeps its historical wording; the numbers are this module's own).
+// Statuses printed with "tinfl_decompress() failed with status %i!" (scripts
+// that watch the output match that wording; the numbers are this module's own).
 constexpr int INFLATE_CORRUPT = -1;        ///< the deflate data is invalid, or the inflater could not start
 constexpr int INFLATE_BAD_CHECKSUM = -2;   ///< the Adler-32 trailer does not match the restored bytes
 constexpr int INFLATE_BAD_HEADER = -3;     ///< the file does not begin with 0x78 0x01
@@ -46,9 +46,8 @@ constexpr int INFLATE_TRAILING_DATA = -5;  ///< bytes follow the trailer
 /// failure prints what went wrong, removes outPath when it created it, and
 /// returns 1 with errno telling why (EBADMSG for a bad compressed stream).
 int doCompression(const char* mode, const char* inPath, const char* outPath);
-/// doCompression("c", in, out).
+/// The two directions of doCompression: mode "c" and mode "d".
 int compressFile(const char* in, const char* out);
-/// doCompression("d", in, out).
 int decompressFile(const char* in, const char* out);
 
 /// Inflates the compressed file open on inFd (read from its start) and

@@ -171,7 +171,7 @@ static_assert(offsetof(DtlHardLinkEntry, recordPos) == 16);
 
 /// Fills the fixed part of an entry record from the entry's lstat data.
 /// walkerFlags holds DTL_SYMLINK and DTL_HARDLINK as they apply.
-/// WARNING: runs once per entry; keep it free of allocation and calls.
+/// Runs once per entry: no allocation, no call.
 inline void EncodeEntryFixed(DtlRecordFixed* out, uint32_t walkerFlags, const struct stat& st,
                              uint16_t nameLength, uint16_t linkTargetLength) {
     out->entryFlags = logInt(walkerFlags | DTL_ENTRY);
@@ -208,7 +208,7 @@ inline void SetDirCounts(DtlRecordFixed* rec, uint32_t files, uint32_t subdirs, 
 void EncodeEndMarker(DtlRecordFixed* out);
 
 /// Fills a hard-link table entry.
-/// WARNING: runs once per hard-linked entry; keep it free of allocation.
+/// Runs once per hard-linked entry: no allocation.
 inline void EncodeHardLinkEntry(DtlHardLinkEntry* out, uint64_t prevEntry, uint64_t parentDirPos,
                                 uint64_t recordPos) {
     out->prevEntry = logInt64(prevEntry);

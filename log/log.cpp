@@ -42,15 +42,6 @@ void LogEntry(const char* format, ...) {
     va_end(ap);
 }
 
-void LogExcEntry(const char* format, ...) {
-    va_list ap;
-    va_start(ap, format);
-    Lock();
-    vfprintf(LogStream(), format, ap);
-    Unlock();
-    va_end(ap);
-}
-
 // Writes one error message to the error file and, unless both outputs are the
 // console, to the log as well; withSystem adds the system-error line.
 static void ErrorCopies(bool withSystem, int errnum, const char* format, va_list ap) {

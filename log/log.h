@@ -27,13 +27,12 @@ constexpr int MAX_PATH = 512;
 
 /// Writes a message to the execution log.
 void LogEntry(const char* format, ...) FV_PRINTF(1, 2);
-/// Same as LogEntry; kept for callers that print preformatted narrow text.
-void LogExcEntry(const char* format, ...) FV_PRINTF(1, 2);
 /// Writes a message to the error file, and to the log too unless errLogCombined.
 void LogErr(const char* format, ...) FV_PRINTF(1, 2);
 /// As LogErr, each copy followed by the line "  (p<errno>) <system text>".
 /// errnum 0 means the current errno. With the lock in use it ends by
-/// destroying the lock instead of releasing it, as it always has.
+/// destroying the lock instead of releasing it: a caller that enables the
+/// lock gets one such message per lock. The program never enables it.
 void LogPosixErr(int errnum, const char* format, ...) FV_PRINTF(2, 3);
 /// Writes a time-stamped message to the debug log when level is within debugLevel.
 void DebugLogEntry(int level, const char* format, ...) FV_PRINTF(2, 3);

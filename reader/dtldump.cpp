@@ -153,7 +153,8 @@ const char* TypeName(uint32_t mode) {
     }
 }
 
-unsigned long long U(uint64_t v) { return v; }
+// %llu takes unsigned long long, which uint64_t is not on every platform.
+unsigned long long ToUll(uint64_t v) { return v; }
 
 // ---- Headers ---------------------------------------------------------------
 
@@ -176,7 +177,7 @@ void PrintHeadersText(const DtlReader& r) {
         "  nodeNameOffset       %u\n"
         "  hardLinkTableOffset  %llu\n"
         "  completionFlags      %u\n",
-        l.formatVersion, l.runTime, when, l.tagOffset, l.nodeNameOffset, U(l.hardLinkTableOffset),
+        l.formatVersion, l.runTime, when, l.tagOffset, l.nodeNameOffset, ToUll(l.hardLinkTableOffset),
         l.completionFlags);
     Add("Root header\n"
         "  totalFileSize        %llu\n"
@@ -192,9 +193,9 @@ void PrintHeadersText(const DtlReader& r) {
         "  otherCount           %u\n"
         "  availableSpace       %llu\n"
         "  volumeCapacity       %llu\n",
-        U(h.totalFileSize), U(h.dtlStartPos), h.pathOffset, h.mountSourceOffset, h.includeDirsOffset, h.dirCount,
-        h.emptyDirCount, h.fileCount, h.hardLinkCount, h.symlinkCount, h.otherCount, U(h.availableSpace),
-        U(h.volumeCapacity));
+        ToUll(h.totalFileSize), ToUll(h.dtlStartPos), h.pathOffset, h.mountSourceOffset, h.includeDirsOffset, h.dirCount,
+        h.emptyDirCount, h.fileCount, h.hardLinkCount, h.symlinkCount, h.otherCount, ToUll(h.availableSpace),
+        ToUll(h.volumeCapacity));
     out += "Version header\n  version              ";
     AddQuoted(r.version.version);
     out += "\n  platform             ";
@@ -215,7 +216,7 @@ void PrintHeadersText(const DtlReader& r) {
     }
     if (h.includeDirsOffset) {
         for (int copy = 0; copy < 4; copy++) {
-            Add("  @%-8llu includeDirs copy %d:", U(s.includeDirsCopyPos[copy]), copy + 1);
+            Add("  @%-8llu includeDirs copy %d:", ToUll(s.includeDirsCopyPos[copy]), copy + 1);
             for (const std::string& text : s.includeDirs) {
                 out += ' ';
                 AddQuoted(text);
@@ -235,14 +236,14 @@ void PrintHeadersJson(const DtlReader& r) {
     Add(", \"compressed\": %s", r.wasCompressed ? "true" : "false");
     Add(",\n  \"logHeader\": {\"magic\": \"FDTL\", \"formatVersion\": %u, \"runTime\": %u, \"tagOffset\": %u, "
         "\"nodeNameOffset\": %u, \"hardLinkTableOffset\": %llu, \"completionFlags\": %u},\n",
-        l.formatVersion, l.runTime, l.tagOffset, l.nodeNameOffset, U(l.hardLinkTableOffset), l.completionFlags);
+        l.formatVersion, l.runTime, l.tagOffset, l.nodeNameOffset, ToUll(l.hardLinkTableOffset), l.completionFlags);
     Add("  \"rootHeader\": {\"totalFileSize\": %llu, \"dtlStartPos\": %llu, \"pathOffset\": %u, "
         "\"mountSourceOffset\": %u, \"includeDirsOffset\": %u, \"dirCount\": %u, \"emptyDirCount\": %u, "
         "\"fileCount\": %u, \"hardLinkCount\": %u, \"symlinkCount\": %u, \"otherCount\": %u, "
         "\"availableSpace\": %llu, \"volumeCapacity\": %llu},\n",
-        U(h.totalFileSize), U(h.dtlStartPos), h.pathOffset, h.mountSourceOffset, h.includeDirsOffset, h.dirCount,
-        h.emptyDirCount, h.fileCount, h.hardLinkCount, h.symlinkCount, h.otherCount, U(h.availableSpace),
-        U(h.volumeCapacity));
+        ToUll(h.totalFileSize), ToUll(h.dtlStartPos), h.pathOffset, h.mountSourceOffset, h.includeDirsOffset, h.dirCount,
+        h.emptyDirCount, h.fileCount, h.hardLinkCount, h.symlinkCount, h.otherCount, ToUll(h.availableSpace),
+        ToUll(h.volumeCapacity));
     out += "  \"versionHeader\": {";
     AddJsonMember("version", r.version.version);
     out += ", ";
@@ -269,8 +270,8 @@ void PrintHeadersJson(const DtlReader& r) {
     }
     out += "], \"includeDirsCopies\": [";
     if (h.includeDirsOffset)
-        Add("%llu, %llu, %llu, %llu", U(s.includeDirsCopyPos[0]), U(s.includeDirsCopyPos[1]),
-            U(s.includeDirsCopyPos[2]), U(s.includeDirsCopyPos[3]));
+        Add("%llu, %llu, %llu, %llu", ToUll(s.includeDirsCopyPos[0]), ToUll(s.includeDirsCopyPos[1]),
+            ToUll(s.includeDirsCopyPos[2]), ToUll(s.includeDirsCopyPos[3]));
     out += "]}";
     Flush();
 }
@@ -279,13 +280,13 @@ void PrintHeadersJson(const DtlReader& r) {
 
 void PrintRecordText(const DtlRecord& rec) {
     const DtlRecordFixed& f = rec.fixed;
-    Add("  @%-10llu ", U(rec.pos));
+    Add("  @%-10llu ", ToUll(rec.pos));
     if (rec.kind == DTL_REC_END_MARKER) {
         out += "end\n";
     } else if (rec.kind == DTL_REC_DIR_HEADER) {
         out += "dir    ";
         AddQuoted(rec.name);
-        Add("  files=%u subdirs=%u bytes=%llu\n", f.atime, f.mtime, U(f.size));
+        Add("  files=%u subdirs=%u bytes=%llu\n", f.atime, f.mtime, ToUll(f.size));
     } else {
         out += "entry  ";
         AddQuoted(DtlJoinPath(rec.dirPath, rec.name));
@@ -295,20 +296,20 @@ void PrintRecordText(const DtlRecord& rec) {
         }
         Add("  %s mode=0%o links=%u%s uid=%u gid=%u inode=%u size=%llu ctime=%u atime=%u mtime=%u\n",
             TypeName(f.mode), f.mode & 07777, f.linkCount, f.entryFlags & DTL_HARDLINK ? " hardlink" : "", f.uid,
-            f.gid, f.inode, U(f.size), f.ctime, f.atime, f.mtime);
+            f.gid, f.inode, ToUll(f.size), f.ctime, f.atime, f.mtime);
     }
     Flush();
 }
 
 void PrintRecordJson(const DtlRecord& rec, bool first) {
     const DtlRecordFixed& f = rec.fixed;
-    Add("%s    {\"offset\": %llu, ", first ? "" : ",\n", U(rec.pos));
+    Add("%s    {\"offset\": %llu, ", first ? "" : ",\n", ToUll(rec.pos));
     if (rec.kind == DTL_REC_END_MARKER) {
         out += "\"kind\": \"end\"}";
     } else if (rec.kind == DTL_REC_DIR_HEADER) {
         out += "\"kind\": \"directory\", ";
         AddJsonMember("path", rec.name);
-        Add(", \"files\": %u, \"subdirs\": %u, \"bytes\": %llu}", f.atime, f.mtime, U(f.size));
+        Add(", \"files\": %u, \"subdirs\": %u, \"bytes\": %llu}", f.atime, f.mtime, ToUll(f.size));
     } else {
         out += "\"kind\": \"entry\", ";
         AddJsonMember("path", DtlJoinPath(rec.dirPath, rec.name));
@@ -321,7 +322,7 @@ void PrintRecordJson(const DtlRecord& rec, bool first) {
         Add(", \"type\": \"%s\", \"entryFlags\": %u, \"hardLink\": %s, \"mode\": %u, \"uid\": %u, \"gid\": %u, "
             "\"inode\": %u, \"links\": %u, \"size\": %llu, \"ctime\": %u, \"atime\": %u, \"mtime\": %u}",
             TypeName(f.mode), f.entryFlags, f.entryFlags & DTL_HARDLINK ? "true" : "false", f.mode, f.uid, f.gid,
-            f.inode, f.linkCount, U(f.size), f.ctime, f.atime, f.mtime);
+            f.inode, f.linkCount, ToUll(f.size), f.ctime, f.atime, f.mtime);
     }
     Flush();
 }
@@ -335,12 +336,12 @@ std::string LinkPath(DtlReader* r, const DtlLink& link, bool* ok) {
 
 void PrintLinkText(DtlReader* r, const DtlLink& link) {
     const DtlHardLinkEntry& e = link.entry;
-    Add("  #%-6u @%-10llu inode=%u ", link.index, U(link.pos), link.inode);
+    Add("  #%-6u @%-10llu inode=%u ", link.index, ToUll(link.pos), link.inode);
     if (link.first)
         out += "first      ";
     else
-        Add("prev=#%-6llu", U(e.prevEntry / sizeof(DtlHardLinkEntry)));
-    Add(" dir=@%llu record=@%llu ", U(e.parentDirPos), U(e.recordPos));
+        Add("prev=#%-6llu", ToUll(e.prevEntry / sizeof(DtlHardLinkEntry)));
+    Add(" dir=@%llu record=@%llu ", ToUll(e.parentDirPos), ToUll(e.recordPos));
     bool ok;
     std::string path = LinkPath(r, link, &ok);
     if (ok) AddQuoted(path);
@@ -352,8 +353,8 @@ void PrintLinkJson(DtlReader* r, const DtlLink& link, bool first) {
     const DtlHardLinkEntry& e = link.entry;
     Add("%s    {\"index\": %u, \"offset\": %llu, \"inode\": %u, \"prevEntry\": %llu, \"first\": %s, "
         "\"parentDirPos\": %llu, \"recordPos\": %llu",
-        first ? "" : ",\n", link.index, U(link.pos), link.inode, U(e.prevEntry), link.first ? "true" : "false",
-        U(e.parentDirPos), U(e.recordPos));
+        first ? "" : ",\n", link.index, ToUll(link.pos), link.inode, ToUll(e.prevEntry), link.first ? "true" : "false",
+        ToUll(e.parentDirPos), ToUll(e.recordPos));
     bool ok;
     std::string path = LinkPath(r, link, &ok);
     if (ok) {
@@ -369,8 +370,8 @@ void PrintTotals(const DtlTotals& t) {
         Add("  \"totals\": {\"dirHeaders\": %llu, \"emptyDirHeaders\": %llu, \"entries\": %llu, \"files\": %llu, "
             "\"subdirEntries\": %llu, \"symlinks\": %llu, \"hardLinks\": %llu, \"linkedInodes\": %llu, "
             "\"totalFileSize\": %llu}",
-            U(t.dirHeaders), U(t.emptyDirHeaders), U(t.entries), U(t.files), U(t.subdirEntries), U(t.symlinks),
-            U(t.hardLinks), U(t.linkedInodes), U(t.totalFileSize));
+            ToUll(t.dirHeaders), ToUll(t.emptyDirHeaders), ToUll(t.entries), ToUll(t.files), ToUll(t.subdirEntries), ToUll(t.symlinks),
+            ToUll(t.hardLinks), ToUll(t.linkedInodes), ToUll(t.totalFileSize));
     } else {
         Add("Totals from the records\n"
             "  directory records    %llu\n"
@@ -383,8 +384,8 @@ void PrintTotals(const DtlTotals& t) {
             "  hard-linked inodes   %llu\n"
             "  total file size      %llu\n"
             "Structure: sound\n",
-            U(t.dirHeaders), U(t.emptyDirHeaders), U(t.entries), U(t.files), U(t.subdirEntries), U(t.symlinks),
-            U(t.hardLinks), U(t.linkedInodes), U(t.totalFileSize));
+            ToUll(t.dirHeaders), ToUll(t.emptyDirHeaders), ToUll(t.entries), ToUll(t.files), ToUll(t.subdirEntries), ToUll(t.symlinks),
+            ToUll(t.hardLinks), ToUll(t.linkedInodes), ToUll(t.totalFileSize));
     }
     Flush();
 }
@@ -465,7 +466,7 @@ int main(int argc, char** argv) {
     if (json && headers) {
         // Keep the JSON whole after a fault, and name the fault in it too.
         if (step == DTL_STEP_FAULT) {
-            Add(",\n  \"error\": {\"offset\": %llu, ", U(r.fault.offset));
+            Add(",\n  \"error\": {\"offset\": %llu, ", ToUll(r.fault.offset));
             AddJsonMember("message", r.fault.message);
             out += '}';
         }
@@ -479,7 +480,7 @@ int main(int argc, char** argv) {
         if (!opened)
             fprintf(stderr, "dtldump: %s: %s\n", path, r.fault.message.c_str());
         else
-            fprintf(stderr, "dtldump: %s: offset %llu: %s\n", path, U(r.fault.offset), r.fault.message.c_str());
+            fprintf(stderr, "dtldump: %s: offset %llu: %s\n", path, ToUll(r.fault.offset), r.fault.message.c_str());
     }
     if (fflush(stdout) != 0 || ferror(stdout)) {
         fprintf(stderr, "dtldump: error writing standard output: %s\n", strerror(errno));

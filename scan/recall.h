@@ -12,5 +12,5 @@
 /// go to the error file through LogPosixErr naming paths->accessPath: a failed
 /// seek skips the rest; a failed write still truncates; a failed truncation
 /// is reported with error number -1 ("(p-1) Unknown error -1"), not with the
-/// real error, as the toolkit always has.
+/// real error: readers of the error file expect exactly that line.
 void ForceFileRecall(int fd, int64_t size, const AccessPaths* paths);

@@ -45,8 +45,7 @@ static TempBlock* NewTempBlock(size_t blockSize) {
     return block;
 }
 
-// WARNING: this function is performance-critical (once per subdirectory);
-// please benchmark any changes you make to it.
+// Runs once per subdirectory: a new block only when the current one is full.
 void* TempAlloc(size_t size, TempBlock** chain) {
     size = (size + 7) & ~static_cast<size_t>(7);
     TempBlock* block = *chain;
@@ -88,8 +87,7 @@ void TempFree(TempBlock** chain) {
     *chain = nullptr;
 }
 
-// WARNING: this function is performance-critical (once per owner-table
-// record, which means once per entry); please benchmark any changes you make to it.
+// Runs once per owner-table record: a new chunk only when the current one is full.
 void* ArenaAlloc(Arena* arena, size_t size, const char* caller) {
     size = (size + 7) & ~static_cast<size_t>(7);
     if (static_cast<size_t>(arena->end - arena->free) < size) {

@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "btree/btree.h"
 #include "scan/idtable.h"
 
 namespace {
