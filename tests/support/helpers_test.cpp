@@ -1,7 +1,9 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
-#include <cstring>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
 
 #include "support/helpers.h"
 #include "tests/support/testutil.h"
@@ -20,19 +22,6 @@ TEST(PathCmp, SortsSeparatorFirstButAfterTheEnd) {
     for (const auto& c : cases) EXPECT_EQ(Sign(PathCmp(c.a, c.b)), c.sign) << c.a << " vs " << c.b;
 }
 
-TEST(Strtoul64, ReadsLeadingDigitsOnly) {
-    struct Case {
-        const char* in;
-        uint64_t value;
-        size_t endAt;
-    } cases[] = {{"12ab", 12, 2}, {"-5", 0, 0}, {" 5", 0, 0}, {"18446744073709551615", 18446744073709551615ull, 20}};
-    for (const auto& c : cases) {
-        char* end = nullptr;
-        EXPECT_EQ(strtoul64(c.in, &end), c.value) << c.in;
-        EXPECT_EQ(static_cast<size_t>(end - c.in), c.endAt) << c.in;
-    }
-}
-
 TEST(Cp, CopiesExactlyAndReportsFailures) {
     ScopedTempDir dir;
     std::string payload(10000, '\0');
@@ -47,21 +36,13 @@ TEST(Cp, CopiesExactlyAndReportsFailures) {
     EXPECT_FALSE(PathExists(dir / "copy"));
 }
 
+// The program's tree page files are named here: in the system's temporary
+// directory, after the base, and a new name each time.
 TEST(DefinedTempName, UsesTheTemporaryDirectoryAndAShortPrefix) {
     char* a = DefinedTempName("kpage.tmp");
     char* b = DefinedTempName("kpage.tmp");
-    std::string name(a);
-    EXPECT_EQ(name.rfind(std::string(P_tmpdir) + "/kpage", 0), 0u) << name;
-    EXPECT_EQ(name.size(), strlen(P_tmpdir) + 1 + 5 + 6);
+    EXPECT_EQ(std::string(a).rfind(std::string(P_tmpdir) + "/kpage", 0), 0u) << a;
     EXPECT_STRNE(a, b);
     free(a);
     free(b);
-
-    ScopedTempDir dir;
-    tempDir = dir.path.data();
-    tempId = const_cast<char*>("run");
-    char* c = DefinedTempName("tpage.tmp");
-    EXPECT_EQ(std::string(c).rfind(dir.path + "/run.t", 0), 0u) << c;
-    free(c);
-    tempDir = tempId = nullptr;
 }
