@@ -58,20 +58,3 @@ TEST(StringObject, SetReplacesTheTextAndCatGrowsItPastAnyStep) {
     EXPECT_EQ(s->length, 2);
     FreeStringObject(s);
 }
-
-TEST(Chr2WChr, SignExtendsEveryByte) {
-    struct Case {
-        const char* in;
-        std::vector<uint16_t> out;
-    } cases[] = {
-        {"", {0}},
-        {"Az", {'A', 'z', 0}},
-        {"\x7f\x80\xc3\xff", {0x7F, 0xFF80, 0xFFC3, 0xFFFF, 0}},
-    };
-    for (const auto& c : cases) {
-        std::vector<uint16_t> dst(c.out.size() + 2, 0xEEEE);
-        Chr2WChr(dst.data(), c.in);
-        dst.resize(c.out.size());
-        EXPECT_EQ(dst, c.out) << c.in;
-    }
-}
