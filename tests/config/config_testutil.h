@@ -1,4 +1,4 @@
-// Helpers of the configuration tests: releasing roots and templates.
+// Helpers of the configuration tests and fuzz targets: releasing templates.
 #pragma once
 
 #include <cstdlib>
@@ -12,16 +12,4 @@ inline void FreeTemplateLists(AuditRoot* root) {
             next = list->next;
             free(list);
         }
-}
-
-/// Frees every root of rootList and empties the list.
-inline void ResetRoots() {
-    for (AuditRoot* next; rootList; rootList = next) {
-        next = rootList->next;
-        FreeTemplateLists(rootList);
-        free(rootList->path);
-        free(rootList);
-    }
-    rootLast = nullptr;
-    rootCount = 0;
 }
