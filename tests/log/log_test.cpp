@@ -44,7 +44,6 @@ TEST(LogRouting, FatalMessagesReachTheErrorFileAndStandardError) {
         },
         testing::ExitedWithCode(1), "Root '/x' is an invalid path\n  \\(p2\\) No such file or directory\n");
     EXPECT_EQ(ReadFile(errPath), "Root '/x' is an invalid path\n  (p2) No such file or directory\n");
-    EXPECT_EXIT(ErrExitWithRetCode(3, "code %d\n", 3), testing::ExitedWithCode(3), "code 3\n");
 }
 
 TEST(MakeFilename, ReplacesPercentDWithTheLocalTimeAndKeepsTheLetter) {
