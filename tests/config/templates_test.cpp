@@ -1,12 +1,9 @@
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <string>
 #include <vector>
 
-#include "config/roots.h"
 #include "config/templates.h"
-#include "tests/config/config_testutil.h"
 #include "tests/config/reference_match.h"
 
 static std::string Convert(const std::string& written) {
@@ -54,28 +51,4 @@ TEST(TemplateMatch, AgreesWithTheRecursiveRuleOnEverySmallCase) {
         }
     }
     EXPECT_EQ(mismatches, 0);
-}
-
-TEST(Templates, SelectionRule) {
-    AuditRoot root{};
-    AddIncludeFile(&root, "a*");
-    AddIncludeFile(&root, "'?b");
-    AddExcludeFile(&root, "*.o");
-    AddIncludeDir(&root, "/s*");
-    AddExcludeDir(&root, "/sx");
-    struct Case {
-        const char* text;
-        int file, dir;
-    } cases[] = {
-        {"ab", 1, 0}, {"?b", 1, 0}, {"xb", 0, 0},  // included by a file template or not
-        {"a.o", 0, 0},                              // the exclusion wins
-        {"s", 0, 1}, {"sx", 0, 0},                  // directory templates see "/" + the name
-    };
-    for (const Case& c : cases) {
-        EXPECT_EQ(IsFileSelected(c.text, &root), c.file) << c.text;
-        EXPECT_EQ(IsDirectorySelected((std::string("/") + c.text).c_str(), &root), c.dir) << c.text;
-    }
-    AuditRoot empty{};
-    EXPECT_EQ(IsFileSelected("x", &empty) + IsDirectorySelected("/x", &empty), 2);  // no templates: everything
-    FreeTemplateLists(&root);
 }
