@@ -39,7 +39,7 @@ TEST_F(NodeCacheTest, PageOffsetsBeyondTwoGibibytes) {
 
 TEST_F(NodeCacheTest, PageFilesLeaveNothingBehind) {
     int descriptors = OpenDescriptors();
-    TreeHeader* tree = PlantKeys4(4, 2, 2);
+    TreeHeader* tree = PlantKeys4(4);
     EXPECT_EQ(EntriesIn(dir.path), 0);  // names removed as soon as the files are open
     EXPECT_EQ(OpenDescriptors(), descriptors + 2);
     EXPECT_EQ(std::string(tree->treeFileName).rfind(dir.path + "/tpage", 0), 0u) << tree->treeFileName;
@@ -91,13 +91,13 @@ TEST_F(NodeCacheDeathTest, PageFileThatCannotBeWrittenOrReadIsFatal) {
         signal(SIGXFSZ, SIG_IGN);
         rlimit limit{65536, 65536};
         setrlimit(RLIMIT_FSIZE, &limit);
-        TreeHeader* tree = PlantKeys4(4, 2, 2);
+        TreeHeader* tree = PlantKeys4(4);
         for (uint32_t k = 0; k < 100000; k++) Add(tree, k);
     };
     EXPECT_EXIT(fillPastLimit(), testing::ExitedWithCode(1),
                 "Unable to write B-tree page file '.*/tpage.*'\n  \\(p27\\) File too large");
     auto readWriteOnly = [] {
-        TreeHeader* tree = PlantKeys4(4, 2, 2);
+        TreeHeader* tree = PlantKeys4(4);
         for (uint32_t k = 0; k < 100; k++) Add(tree, k);
         // A descriptor that can be written but not read under the key nodes.
         dup2(open("/dev/null", O_WRONLY), tree->keyNodes.fd);

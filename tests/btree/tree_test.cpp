@@ -39,7 +39,7 @@ TEST_F(TreeShapeTest, AscendingKeysFillNodesAndAKeyBelowAllSplitsInHalves) {
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(testing::Message() << "order " << c.order << ", " << c.keys << " keys");
-        TreeHeader* tree = PlantKeys4(c.order, 2, 2);
+        TreeHeader* tree = PlantKeys4(c.order);
         for (uint32_t k = 1; k <= c.keys; k++) ASSERT_EQ(Add(tree, k * 10), 1);
         if (c.thenBelowAll) {
             ASSERT_EQ(Add(tree, 5), 1);
