@@ -11,31 +11,6 @@
 
 namespace {
 
-// The sign of IdKeyCmp for two probes: -1, 0 or 1.
-int CompareSign(uint32_t idA, uint32_t kindA, uint32_t idB, uint32_t kindB) {
-    IdRecord a{idA, kindA, 0, nullptr}, b{idB, kindB, 0, nullptr};
-    IdRecord* pa = &a;
-    IdRecord* pb = &b;
-    int32_t diff = IdKeyCmp(&pa, 8, &pb, 8);
-    return (diff > 0) - (diff < 0);
-}
-
-// Only the sign orders the tree, and with it the order of the table.
-TEST(IdKeyCmp, KindsFirstThenIdsAsWrapped32BitDifferences) {
-    struct Case {
-        uint32_t idA, kindA, idB, kindB;
-        int sign;
-    } cases[] = {
-        {5, 1, 9, 1, -1},          {9, 1, 9, 1, 0},
-        {900, 1, 5, 2, -1},        // kinds decide before ids
-        {0x90000000u, 1, 1, 1, -1},  // more than 2^31 apart: reversed
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(testing::Message() << c.idA << "/" << c.kindA << " vs " << c.idB << "/" << c.kindB);
-        EXPECT_EQ(CompareSign(c.idA, c.kindA, c.idB, c.kindB), c.sign);
-    }
-}
-
 // The table as the tree holds it, in key order: "id useCount name" per record.
 std::vector<std::string> Table() {
     std::vector<std::string> out;
