@@ -13,7 +13,14 @@
 #include "config/configfile.h"
 #include "config/roots.h"
 #include "config/templates.h"
-#include "tests/config/config_testutil.h"
+
+static void FreeTemplateLists(AuditRoot* root) {
+    for (TemplateRec* list : {root->includeDirs, root->excludeDirs, root->includeFiles, root->excludeFiles})
+        for (TemplateRec* next; list; list = next) {
+            next = list->next;
+            free(list);
+        }
+}
 
 static void Check(bool ok) {
     if (!ok) __builtin_trap();
