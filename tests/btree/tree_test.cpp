@@ -34,7 +34,6 @@ TEST_F(TreeShapeTest, AscendingKeysFillNodesAndAKeyBelowAllSplitsInHalves) {
         {4, 4, false, {{4}}},
         {4, 5, false, {{4, 1}, {2}}},
         {4, 17, false, {{4, 4, 4, 4, 1}, {4, 1}, {2}}},
-        {4, 4, true, {{3, 2}, {2}}},
         {8, 8, true, {{5, 4}, {2}}},
     };
     for (const Case& c : cases) {

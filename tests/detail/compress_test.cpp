@@ -56,8 +56,8 @@ std::string Stdout(Op op) {
 TEST(Compression, InPlaceRoundTripsAgreeWithAnIndependentZlib) {
     const char* inflate = "import sys, zlib\n"
                           "open(sys.argv[2], 'wb').write(zlib.decompress(open(sys.argv[1], 'rb').read()))\n";
-    const std::string cases[] = {"", "FDTL" + std::string(84, '\0') + "one record",
-                                 DetailLike(2 * COMPRESS_BUFFER_SIZE + 12345), Random(2 * COMPRESS_BUFFER_SIZE + 777)};
+    const std::string cases[] = {"", DetailLike(2 * COMPRESS_BUFFER_SIZE + 12345),
+                                 Random(2 * COMPRESS_BUFFER_SIZE + 777)};
     for (const std::string& plain : cases) {
         SCOPED_TRACE(plain.size());
         ScopedTempDir dir;

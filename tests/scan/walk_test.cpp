@@ -139,8 +139,7 @@ TEST(Walk, RecordsEveryKindOfEntryAsTheFileSystemGivesIt) {
     // Every byte as the independent walk and builder lay it down: the link to
     // a directory not followed, the 64-bit size, the three names of f chained
     // in the hard-link table, the tag and its completion flag.
-    std::string dtl = ws.Dtl();
-    ExpectSameBytes(dtl, expected);
+    ExpectSameBytes(ws.Dtl(), expected);
     ReadBack d = ReadDetail(ws.work + "/out.dtl");
     EXPECT_TRUE(d.sound) << d.fault.offset << ": " << d.fault.message;
 }
