@@ -82,33 +82,24 @@ TEST(Compression, InPlaceRoundTripsAgreeWithAnIndependentZlib) {
     }
 }
 
-TEST(Compression, BadStreamsFailWithTheirStatusAndLeaveNoOutput) {
+// The reader's inflater refuses a damaged stream quietly, with the EBADMSG
+// that the reader reports: a bad block, a bad checksum, a stream cut short.
+TEST(Compression, TheInflaterRefusesDamagedStreams) {
     ScopedTempDir dir;
     WriteFile(dir / "plain", DetailLike(COMPRESS_BUFFER_SIZE + 999));
     ASSERT_EQ(compressFile((dir / "plain").c_str(), (dir / "good").c_str()), 0);
     const std::string good = ReadFile(dir / "good");
-    auto flipped = [&](size_t at, int bits) {
-        std::string s = good;
-        s[at] = static_cast<char>(s[at] ^ bits);
-        return s;
-    };
-    struct Case {
-        std::string packed;
-        int status;
-    } cases[] = {
-        {flipped(2, 0x02), INFLATE_CORRUPT},  // the first block's type turns from dynamic (2) into the invalid 3
-        {flipped(good.size() - 1, 0x01), INFLATE_BAD_CHECKSUM},
-        {good.substr(0, good.size() / 2), INFLATE_TRUNCATED},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.status);
-        WriteFile(dir / "bad", c.packed);
-        int result = -1;
-        std::string out = Stdout([&] { result = decompressFile((dir / "bad").c_str(), (dir / "out").c_str()); });
+    std::string badBlock = good, badSum = good;
+    badBlock[2] ^= 0x02;  // the first block's type turns from dynamic (2) into the invalid 3
+    badSum.back() ^= 0x01;
+    for (const std::string& bad : {badBlock, badSum, good.substr(0, good.size() / 2)}) {
+        WriteFile(dir / "bad", bad);
+        int in = open((dir / "bad").c_str(), O_RDONLY), out = open("/dev/null", O_WRONLY), result = 0, error = 0;
+        EXPECT_EQ(Stdout([&] { result = InflateFd(in, out, true), error = errno; }), "");
         EXPECT_EQ(result, 1);
-        EXPECT_EQ(errno, EBADMSG);
-        EXPECT_EQ(out, "tinfl_decompress() failed with status " + std::to_string(c.status) + "!\n");
-        EXPECT_FALSE(PathExists(dir / "out"));
+        EXPECT_EQ(error, EBADMSG);
+        close(in);
+        close(out);
     }
 }
 
