@@ -1,15 +1,9 @@
 // Fuzz target for the configuration reader: the input is read as a
-// configuration file by ReadConfigLine, each logical line is classified and
-// cut by SplitConfigLine, and every setting with a known key is applied by
-// RootLine to a scratch root.
-//
-// Every mistake in a configuration file ends the process (ErrExit), and
-// libFuzzer takes an exit for a failure. Forking per input would survive the
-// exits but would lose the child's coverage, which is what steers the
-// fuzzer. The exits sit only in ProcessConfigFile's few decisions and in
-// RootLine's unknown-key branch, above the pieces driven here; so this
-// target runs everything below them in-process, and the unit tests and the
-// end-to-end runs cover the exits themselves.
+// configuration file by ReadConfigLine, each logical line is cut by
+// SplitConfigLine, and every known setting is applied by RootLine to a
+// scratch root. A mistake ends the process, which libFuzzer takes for a
+// failure (and forking would lose the coverage that steers it), so only the
+// pieces below those exits run here; the unit and end-to-end tests cover them.
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -19,7 +13,14 @@
 #include "config/configfile.h"
 #include "config/roots.h"
 #include "config/templates.h"
-#include "tests/config/config_testutil.h"
+
+static void FreeTemplateLists(AuditRoot* root) {
+    for (TemplateRec* list : {root->includeDirs, root->excludeDirs, root->includeFiles, root->excludeFiles})
+        for (TemplateRec* next; list; list = next) {
+            next = list->next;
+            free(list);
+        }
+}
 
 static void Check(bool ok) {
     if (!ok) __builtin_trap();

@@ -1,6 +1,7 @@
 // Randomised operations on small trees checked against std::map: insertion,
-// search, refused duplicates, data changed in place, traversal both ways,
-// deletion where its removal is exact, and saving and loading mid-way. The
+// search, refused duplicates, data changed in place, traversal both ways and
+// from a searched position, deletion where its removal is exact, and saving
+// and loading mid-way. The
 // caches hold two nodes of each kind, so nodes keep leaving memory.
 
 #include <fcntl.h>
@@ -9,6 +10,7 @@
 #include <algorithm>
 #include <cstring>
 #include <deque>
+#include <iterator>
 #include <map>
 #include <random>
 
@@ -105,16 +107,26 @@ struct Harness {
         ASSERT_EQ(forward, expected);
         ASSERT_EQ(backward, expected);
     }
+    // A search leaves the cursor where v is or would go (nowhere beyond the
+    // last key). TreePrevKey then gives the key before that place and
+    // TreeNextKey the key after the one there: a failed search skips the first
+    // greater key, unless a deletion left v's place past the end of a leaf.
+    void CheckCursor(uint32_t v) {
+        auto at = model.lower_bound(v);  // v or the first greater key
+        auto key = [this](auto it) { return it == model.end() ? int64_t{-1} : int64_t{it->first}; };
+        auto value = [this](KeySlot* s) { return s ? int64_t{ValueOf(s)} : int64_t{-1}; };
+        Search(v);
+        TreeNode* leaf = tree->cursorNode ? _treeNodeAddr(tree, tree->cursorNode) : nullptr;
+        const bool pastLeaf = leaf && tree->cursorIndex == int32_t(leaf->capacity);
+        ASSERT_EQ(value(TreeNextKey(tree)), !leaf || at == model.end() ? -1 : key(pastLeaf ? at : std::next(at))) << v;
+        Search(v);
+        ASSERT_EQ(value(TreePrevKey(tree)), !leaf || at == model.begin() ? -1 : key(std::prev(at))) << v;
+    }
     void SaveAndLoad(const std::string& path) {
         int fd = open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC, 0600);
         ASSERT_EQ(write(fd, "prefix", 6), 6);
         int64_t offset = TreeSave(tree, fd);
         ASSERT_EQ(offset, 6);
-        // Header, both node tables, then both page files (one in the shared-file mode).
-        uint64_t size = 240 + 8 * (tree->treeNodes.capacity + tree->keyNodes.capacity) +
-                        uint64_t{*tree->treeNodes.nextNodePtr} * tree->treeNodes.nodeSize;
-        if (!(config.flags & TREE_SHARED_FILE)) size += uint64_t{tree->keyNodes.nextNode} * tree->keyNodes.nodeSize;
-        ASSERT_EQ(lseek(fd, 0, SEEK_END), off_t(offset + size));
         Free();
         tree = TreeLoad(fd, offset, nullptr, nullptr, nullptr, nullptr, config.pointerKeys ? PointerCmp : nullptr);
         close(fd);
@@ -129,6 +141,8 @@ TEST_F(TreeModelTest, RandomOperationsMatchAMap) {
         SCOPED_TRACE(config.name);
         Harness h(config);
         h.Plant();
+        h.CheckWalks();
+        h.CheckCursor(5);
         std::mt19937 random(1234);
         const int operations = 6000;
         int deleted = 0;
@@ -171,12 +185,14 @@ TEST_F(TreeModelTest, RandomOperationsMatchAMap) {
                 deleted++;
             } else {
                 h.CheckWalks();
+                h.CheckCursor(v);
             }
             if (op == operations / 2) h.SaveAndLoad(dir / "saved");
             ASSERT_FALSE(HasFatalFailure());
         }
         EXPECT_GT(deleted, 50);
         h.CheckWalks();
+        for (uint32_t v : {0u, h.model.begin()->first, h.model.rbegin()->first, 100000u}) h.CheckCursor(v);
         for (auto& [v, d] : h.model) {
             KeySlot* slot = h.Search(v);
             ASSERT_NE(slot, nullptr) << v;

@@ -37,11 +37,10 @@ inline uint32_t SlotValue(KeySlot* slot) {
     return uint32_t{k[0]} << 24 | uint32_t{k[1]} << 16 | uint32_t{k[2]} << 8 | k[3];
 }
 
-/// Plants a tree of 4-byte keys with the given order and node caches.
-inline TreeHeader* PlantKeys4(uint32_t order, int32_t treeNodes, int32_t keyNodes, uint32_t keysPerNode = 3,
-                              uint32_t dataLength = 0) {
-    return TreePlant(0, order, -treeNodes, nullptr, keysPerNode, 4, dataLength, -keyNodes, nullptr, nullptr, nullptr,
-                     nullptr);
+/// Plants a tree of 4-byte keys without data, 3 keys to a key node and two
+/// nodes of each kind in memory.
+inline TreeHeader* PlantKeys4(uint32_t order) {
+    return TreePlant(0, order, -2, nullptr, 3, 4, 0, -2, nullptr, nullptr, nullptr, nullptr);
 }
 
 /// Adds the key v with no data; returns TreeAddKey's result.

@@ -10,29 +10,6 @@
 
 namespace {
 
-int32_t Compare(uint32_t idA, uint32_t kindA, uint32_t idB, uint32_t kindB) {
-    IdRecord a{idA, kindA, 0, nullptr}, b{idB, kindB, 0, nullptr};
-    IdRecord* pa = &a;
-    IdRecord* pb = &b;
-    return IdKeyCmp(&pa, 8, &pb, 8);
-}
-
-TEST(IdKeyCmp, KindsFirstThenIdsAsWrapped32BitDifferences) {
-    struct Case {
-        uint32_t idA, kindA, idB, kindB;
-        int32_t expected;
-    } cases[] = {
-        {5, 1, 9, 1, -4},
-        {900, 1, 5, 2, -1},                                         // kinds decide before ids
-        {0x90000000u, 1, 1, 1, static_cast<int32_t>(0x8FFFFFFFu)},  // more than 2^31 apart: reversed
-        {0, 1, 0xFFFFFFFFu, 1, 1},                                  // wraps: 0 sorts after 4294967295
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(testing::Message() << c.idA << "/" << c.kindA << " vs " << c.idB << "/" << c.kindB);
-        EXPECT_EQ(Compare(c.idA, c.kindA, c.idB, c.kindB), c.expected);
-    }
-}
-
 // The table as the tree holds it, in key order: "id useCount name" per record.
 std::vector<std::string> Table() {
     std::vector<std::string> out;
