@@ -4,4 +4,5 @@ list(APPEND FERROVAN_TEST_SOURCES
   support/memory_test.cpp
   support/numfmt_test.cpp
   support/treebuilder.cpp
+  support/utf8_test.cpp
 )
