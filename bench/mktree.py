@@ -129,7 +129,9 @@ def make_tree(dest, entries, seed):
         else:
             d = dirs[rng.randrange(len(dirs))]
         fan = rng.choice([0, 0, 1, 2, 3, 5, 10, 20, 40, 80, 150, 170])
-        for _ in range(min(fan, entries - made)):
+        for _ in range(fan):
+            if made >= entries:
+                break
             name = make_name(rng)
             if len(d.path) + len(name) > MAX_PATH:
                 name = name[:8]
