@@ -225,6 +225,25 @@ struct DeepTree {
     return ::testing::AssertionFailure() << "log:\n" << log << "\nexpected:\n" << expected;
 }
 
+// Starts Ferrovan with args in the tree's working directory, its error output
+// on err shrunk to one page, and returns once the walk is held up there.
+pid_t StartHeld(const DeepTree& tree, const std::vector<std::string>& args, Pipe& err) {
+    if (fcntl(err.write, F_SETPIPE_SZ, 4096) < 4096) return -1;
+    int in = OpenFile("/dev/null", O_RDONLY);
+    int out = OpenFile(tree.work + "/stdout", O_WRONLY | O_CREAT | O_TRUNC);
+    pid_t pid = StartProgram(FerrovanPath(), args, {in, out, err.write}, {.cwd = tree.work, .env = {"TMPDIR=" + tree.tmp}});
+    close(in);
+    close(out);
+    err.CloseWrite();
+    // Well into the messages about the deep directories; the walk cannot end
+    // before the test reads them.
+    while (err.Held() < 3000) {
+        if (!Running(pid)) return -1;
+        usleep(1000);
+    }
+    return pid;
+}
+
 TEST(InterruptedRun, SaysSoKeepsTheLogAndRemovesTemporaryFiles) {
     struct Case {
         int sig;
@@ -244,20 +263,8 @@ TEST(InterruptedRun, SaysSoKeepsTheLogAndRemovesTemporaryFiles) {
         if (c.namedLog) args.insert(args.end(), {"-log", "run.log"});
         const std::string logPath = tree.work + (c.namedLog ? "/run.log" : "/stdout");
         Pipe err;
-        ASSERT_GE(fcntl(err.write, F_SETPIPE_SZ, 4096), 4096);
-        int in = OpenFile("/dev/null", O_RDONLY);
-        int out = OpenFile(tree.work + "/stdout", O_WRONLY | O_CREAT | O_TRUNC);
-        pid_t pid = StartProgram(FerrovanPath(), args, {in, out, err.write},
-                                 {.cwd = tree.work, .env = {"TMPDIR=" + tree.tmp}});
-        close(in);
-        close(out);
-        err.CloseWrite();
-        // Well into the messages about the deep directories; the walk cannot end
-        // before the test reads them.
-        while (err.Held() < 3000) {
-            ASSERT_TRUE(Running(pid)) << "the run ended before it was interrupted";
-            usleep(1000);
-        }
+        pid_t pid = StartHeld(tree, args, err);
+        ASSERT_GT(pid, 0);
         kill(pid, c.sig);
         std::string errors = err.Drain();
         EXPECT_EQ(WaitProgram(pid), 128 + c.sig);
@@ -279,6 +286,23 @@ TEST(InterruptedRun, SaysSoKeepsTheLogAndRemovesTemporaryFiles) {
         EXPECT_EQ(Entries(tree.tmp), std::set<std::string>{});
         EXPECT_EQ(Entries(tree.work), (std::set<std::string>{"out.dtl", "stdout", c.namedLog ? "run.log" : "stdout"}));
     }
+}
+
+// A second signal while the run is ending kills it at once. The first one's
+// line cannot be written while the error pipe is full, so the run is still
+// ending when the second comes.
+TEST(InterruptedRun, ASecondSignalKillsAtOnce) {
+    DeepTree tree;
+    Pipe err;
+    pid_t pid = StartHeld(tree, {tree.root, "-dtl", "out.dtl", "-f"}, err);
+    ASSERT_GT(pid, 0);
+    kill(pid, SIGINT);
+    kill(pid, SIGTERM);
+    std::string errors = err.Drain();
+    int status = 0;
+    ASSERT_EQ(waitpid(pid, &status, 0), pid);
+    EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGTERM) << status;
+    EXPECT_EQ(errors.find("Scan interrupted"), std::string::npos);
 }
 
 // Lets a program started with RunOptions::traced run, one system call at a
