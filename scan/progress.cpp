@@ -31,7 +31,8 @@ static void FormatBytes(uint64_t bytes, char (&out)[32]) {
     }
     double value = static_cast<double>(bytes) / 1000;
     size_t unit = 0;
-    while (value >= 1000 && unit + 1 < sizeof units / sizeof units[0]) {
+    // Two decimals: what would print as 1000.00 goes to the next unit.
+    while (value >= 999.995 && unit + 1 < sizeof units / sizeof units[0]) {
         value /= 1000;
         unit++;
     }
