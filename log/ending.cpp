@@ -38,6 +38,7 @@ static_assert(sizeof INTERRUPT_NAMES / sizeof INTERRUPT_NAMES[0] == INTERRUPT_CO
 char interruptText[INTERRUPT_COUNT][64];
 size_t interruptLength[INTERRUPT_COUNT];
 int errorFd = STDERR_FILENO;  // the error output's descriptor
+bool handled[INTERRUPT_COUNT];  // the handler is installed for the signal (it was not ignored)
 
 sigset_t InterruptSet() {
     sigset_t set;
@@ -52,7 +53,9 @@ void OnInterrupt(int sig) {
     struct sigaction fallback;
     memset(&fallback, 0, sizeof fallback);
     fallback.sa_handler = SIG_DFL;
-    for (int s : INTERRUPT_SIGNALS) sigaction(s, &fallback, nullptr);
+    for (int i = 0; i < INTERRUPT_COUNT; i++) {
+        if (handled[i]) sigaction(INTERRUPT_SIGNALS[i], &fallback, nullptr);
+    }
     sigset_t set = InterruptSet();
     sigprocmask(SIG_UNBLOCK, &set, nullptr);
 
@@ -108,20 +111,21 @@ void InstallInterruptHandlers() {
     // resets all three before it lets them through.
     action.sa_mask = InterruptSet();
     action.sa_flags = SA_RESTART;
-    for (int sig : INTERRUPT_SIGNALS) {
+    for (int i = 0; i < INTERRUPT_COUNT; i++) {
         struct sigaction before;
         // nohup and background jobs start with signals ignored; they stay so.
-        if (sigaction(sig, nullptr, &before) == 0 && before.sa_handler == SIG_IGN) continue;
-        sigaction(sig, &action, nullptr);
+        if (sigaction(INTERRUPT_SIGNALS[i], nullptr, &before) == 0 && before.sa_handler == SIG_IGN) continue;
+        handled[i] = sigaction(INTERRUPT_SIGNALS[i], &action, nullptr) == 0;
     }
 }
 
+// The signal mask before HoldInterrupts: a signal the program was started
+// with blocked stays blocked after ReleaseInterrupts.
+static sigset_t maskBeforeHold;
+
 void HoldInterrupts() {
     sigset_t set = InterruptSet();
-    sigprocmask(SIG_BLOCK, &set, nullptr);
+    sigprocmask(SIG_BLOCK, &set, &maskBeforeHold);
 }
 
-void ReleaseInterrupts() {
-    sigset_t set = InterruptSet();
-    sigprocmask(SIG_UNBLOCK, &set, nullptr);
-}
+void ReleaseInterrupts() { sigprocmask(SIG_SETMASK, &maskBeforeHold, nullptr); }

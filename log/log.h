@@ -101,7 +101,8 @@ void InstallInterruptHandlers();
 /// Holds the three signals back until ReleaseInterrupts, around a step that
 /// must not be cut in two (a file created and registered, a name made and removed).
 void HoldInterrupts();
-/// Delivers what HoldInterrupts held back.
+/// Restores the signal mask HoldInterrupts found, which delivers what it held
+/// back. Holds do not nest.
 void ReleaseInterrupts();
 
 // ---- The status line
