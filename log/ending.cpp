@@ -37,7 +37,7 @@ static_assert(sizeof INTERRUPT_NAMES / sizeof INTERRUPT_NAMES[0] == INTERRUPT_CO
 // Each signal's message, formatted when the handler is installed.
 char interruptText[INTERRUPT_COUNT][64];
 size_t interruptLength[INTERRUPT_COUNT];
-int errorFd = STDERR_FILENO;  // the error output's descriptor
+int errorFd = STDERR_FILENO;    // the error output's descriptor
 bool handled[INTERRUPT_COUNT];  // the handler is installed for the signal (it was not ignored)
 
 sigset_t InterruptSet() {

@@ -10,8 +10,8 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
-#include <sys/ptrace.h>
 #include <sys/ioctl.h>
+#include <sys/ptrace.h>
 #include <sys/stat.h>
 #include <sys/utsname.h>
 #include <sys/wait.h>
@@ -19,9 +19,9 @@
 
 #include <algorithm>
 #include <climits>
-#include <functional>
 #include <csignal>
 #include <cstdlib>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -42,7 +42,7 @@ std::string Expand(std::string text, const std::string& dir) {
 }
 
 struct timespec ModTime(const std::string& path) {
-    struct stat st{};
+    struct stat st {};
     lstat(path.c_str(), &st);
     return st.st_mtim;
 }
@@ -231,7 +231,8 @@ pid_t StartHeld(const DeepTree& tree, const std::vector<std::string>& args, Pipe
     if (fcntl(err.write, F_SETPIPE_SZ, 4096) < 4096) return -1;
     int in = OpenFile("/dev/null", O_RDONLY);
     int out = OpenFile(tree.work + "/stdout", O_WRONLY | O_CREAT | O_TRUNC);
-    pid_t pid = StartProgram(FerrovanPath(), args, {in, out, err.write}, {.cwd = tree.work, .env = {"TMPDIR=" + tree.tmp}});
+    pid_t pid =
+        StartProgram(FerrovanPath(), args, {in, out, err.write}, {.cwd = tree.work, .env = {"TMPDIR=" + tree.tmp}});
     close(in);
     close(out);
     err.CloseWrite();
@@ -345,8 +346,11 @@ struct SmallTree {
         root = RealPath(dir / "root");
         work = RealPath(dir / "work");
         tmp = RealPath(dir / "tmp");
-        MakeTree(root, {{TreeItem::DIR, "a"}, {TreeItem::DIR, "a/b"}, {TreeItem::FILE, "f", "data"},
-                        {TreeItem::HARDLINK, "a/h", "f"}, {TreeItem::SYMLINK, "s", "f"}});
+        MakeTree(root, {{TreeItem::DIR, "a"},
+                        {TreeItem::DIR, "a/b"},
+                        {TreeItem::FILE, "f", "data"},
+                        {TreeItem::HARDLINK, "a/h", "f"},
+                        {TreeItem::SYMLINK, "s", "f"}});
     }
     void Clear() const {
         for (const std::string& name : Entries(work)) unlink((work + "/" + name).c_str());
@@ -359,8 +363,9 @@ struct SmallTree {
         std::vector<std::string> all = {root};
         all.insert(all.end(), args.begin(), args.end());
         // The leak checker of a sanitizer build refuses to run under a tracer.
-        pid_t pid = StartProgram(FerrovanPath(), all, {in, out, err},
-                                 {.cwd = work, .env = {"TMPDIR=" + tmp, "ASAN_OPTIONS=detect_leaks=0"}, .traced = true});
+        pid_t pid =
+            StartProgram(FerrovanPath(), all, {in, out, err},
+                         {.cwd = work, .env = {"TMPDIR=" + tmp, "ASAN_OPTIONS=detect_leaks=0"}, .traced = true});
         close(in);
         close(out);
         close(err);
@@ -417,7 +422,9 @@ TEST(InterruptedRun, AtAnyMomentLeavesNothingHalfDone) {
     SmallTree tree;
     const std::vector<std::string> args = {"-dtl", "out.dtl", "-f", "-p", "-zip"};
     bool ran = false;
-    ASSERT_EQ(SignalAtReturn(tree.Start(args), SIGTERM, [](int) { return false; }, &ran), 0);
+    ASSERT_EQ(SignalAtReturn(
+                  tree.Start(args), SIGTERM, [](int) { return false; }, &ran),
+              0);
     const std::vector<std::string> whole = MaskedLines(ReadFile(tree.work + "/stdout"));
     ASSERT_GE(whole.size(), 20u);
     ASSERT_EQ(RunFerrovan({tree.root, "-dtl", "old.dtl"}, {.cwd = tree.work}).status, 0);

@@ -32,15 +32,18 @@ TEST(ProgressLine, ShowsTheFiguresAndTheEndOfThePathWithinTheColumns) {
         std::string line;
     } cases[] = {
         {big, "/usr/share", 200, head + "/usr/share"},
-        {big, "/usr/share", head.size() + 10, head + "/usr/share"},         // just fits
-        {big, "/usr/share/doc", head.size() + 10, head + "...are/doc"},     // the end of the path is kept
-        {big, "/a\nb\x7f\xff", 200, head + "/a?b??"},                        // control and stray bytes
+        {big, "/usr/share", head.size() + 10, head + "/usr/share"},      // just fits
+        {big, "/usr/share/doc", head.size() + 10, head + "...are/doc"},  // the end of the path is kept
+        {big, "/a\nb\x7f\xff", 200, head + "/a?b??"},                    // control and stray bytes
         {big, "/d/\xc3\xa9\xc3\xa9\xc3\xa9", head.size() + 7, head + "...\xc3\xa9\xc3\xa9"},  // two columns each
         {big, "/d/\xc3\xa9\xc3\xa9\xc3\xa9", head.size() + 6, head + "...\xc3\xa9"},          // never half of one
-        {big, "/usr", 20, head.substr(0, 20)},                               // too narrow even for the figures
+        {big, "/usr", 20, head.substr(0, 20)},  // too narrow even for the figures
         {{0, 0, 0, 0}, "/r", 80, "0 entries  0 dirs  0 bytes  0/s  00:00:00  /r"},
         {{500, 2, 999, 0.5}, "/r", 80, "500 entries  2 dirs  999 bytes  1,000/s  00:00:00  /r"},
-        {{1, 1, 999999, 10805}, "/r", 80, "1 entries  1 dirs  1.00mb  0/s  03:00:05  /r"},  // 999.999kb rounds up a unit
+        {{1, 1, 999999, 10805},
+         "/r",
+         80,
+         "1 entries  1 dirs  1.00mb  0/s  03:00:05  /r"},  // 999.999kb rounds up a unit
         {{1, 1, 1000, 1}, "/r", 80, "1 entries  1 dirs  1.00kb  1/s  00:00:01  /r"},
     };
     for (const Case& c : cases) {
