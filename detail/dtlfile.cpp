@@ -57,9 +57,15 @@ static void Rewrite(const char* path, bool compress) {
     const char* direction = compress ? "compression" : "decompression";
     fputs(compress ? "Compressing DTL file\n" : "Decompressing DTL file\n", stdout);
     fflush(stdout);
-    if ((compress ? compressFile(path, temp) : decompressFile(path, temp)) != 0)
+    // Until it is in place the temporary file goes with a signal or a fatal
+    // exit; the original is untouched by then.
+    int slot = RemoveOnFatalExit(temp);
+    if ((compress ? compressFile(path, temp) : decompressFile(path, temp)) != 0) {
+        KeepOnFatalExit(slot);  // removed already when it was made here; someone else's otherwise
         PosixErrExit(0, "Error occurred during %s of '%s'\nCould not write temp file: %s\n", direction, path, temp);
+    }
     if (!PutInPlace(temp, path)) PosixErrExit(0, "An unknown error occurred during %s of '%s'\n", direction, path);
+    KeepOnFatalExit(slot);
 }
 
 void CloseDtlFile(FILE* stream, const char* path, uint32_t zipFlag) {

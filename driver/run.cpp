@@ -1,8 +1,12 @@
 #include "driver/run.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/utsname.h>
+#include <unistd.h>
 
+#include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -48,6 +52,52 @@ const char* FormatElapsed(long long seconds, char* out) {
     return out;
 }
 
+// Opens the detail file for update where the run has always created it, so
+// that "Unable to create" comes at the same moment and for the same reasons,
+// but without truncating it: until the root is validated an existing file
+// stays as it was. A file this run creates is registered, so that a run
+// ending before its headers are written leaves nothing behind. Returns the
+// registration slot (-1 for an existing file).
+static int OpenDetailFile(const char* name, FILE** stream) {
+    int slot = -1;
+    HoldInterrupts();
+    int fd = open(name, O_RDWR | O_CREAT | O_EXCL, 0666);
+    if (fd >= 0) {
+        slot = RemoveOnFatalExit(name);
+    } else if (errno == EEXIST) {
+        fd = open(name, O_RDWR);
+        if (fd < 0 && errno == ENOENT) {
+            // A dangling symbolic link: the file it names is created, as
+            // always, and it is that file which goes if the run ends early.
+            fd = open(name, O_RDWR | O_CREAT, 0666);
+            char target[PATH_MAX];
+            if (fd >= 0 && realpath(name, target)) slot = RemoveOnFatalExit(target);
+        }
+    }
+    if (fd < 0 || !(*stream = fdopen(fd, "w+b"))) {
+        ReleaseInterrupts();
+        PosixErrExit(0, "Unable to create audit detail file '%s'\n", name);
+    }
+    ReleaseInterrupts();
+    return slot;
+}
+
+// The root is valid: an existing detail file is emptied and the headers,
+// beginning "IDTL", are written in one step that no signal divides. From
+// here on the file stays however the run ends; readers and the next run's
+// overwrite check recognise an unfinished one by its "IDTL".
+static void StartDetailFile(FILE* stream, const char* name, int createdSlot) {
+    HoldInterrupts();
+    struct stat st;
+    int fd = fileno(stream);
+    // Only a regular file can be emptied; a device or pipe never held anything.
+    if (fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && st.st_size > 0 && ftruncate(fd, 0) != 0)
+        PosixErrExit(0, "Unable to create audit detail file '%s'\n", name);
+    WriteLogHeaders();
+    KeepOnFatalExit(createdSlot);
+    ReleaseInterrupts();
+}
+
 // The scan root named on the command line: the one word the option parser
 // left in argv. A [ScanRoot] section without a path takes its path from here.
 static void TakeCommandLineRoot(int argc, char** argv) {
@@ -86,12 +136,13 @@ int RunFerrovan(int argc, char** argv) {
     zipFlag = cmdOpts[CMD_ZIP].optFlags & OPT_FOUND;
 
     OpenLogErrFiles(0, cmdOpts[CMD_LOG].optArg, cmdOpts[CMD_ERR].optArg);
+    InstallInterruptHandlers();
 
     const char* dtlName = (cmdOpts[CMD_DTL].optFlags & OPT_FOUND) ? cmdOpts[CMD_DTL].optArg : "ferro.dtl";
     struct stat st;
     if (stat(dtlName, &st) == 0 && !force) CheckExistingDtlFile(dtlName);
-    FILE* dtl = fopen(dtlName, "w+b");
-    if (!dtl) PosixErrExit(0, "Unable to create audit detail file '%s'\n", dtlName);
+    FILE* dtl = nullptr;
+    int createdSlot = OpenDetailFile(dtlName, &dtl);
     time_t start = time(nullptr);
     DtlWriterOpen(dtl, dtlName, start, cmdOpts[CMD_TAG].optArg, architecture);
 
@@ -103,10 +154,13 @@ int RunFerrovan(int argc, char** argv) {
     TakeCommandLineRoot(argc, argv);
     ValidateRootList();
     LogEntry("Run on: %s, Timestamp: %s\n\n", srvrName, startText);
-    WriteLogHeaders();
+    StartDetailFile(dtl, dtlName, createdSlot);
 
+    // The page files are named only between their creation and their removal.
+    HoldInterrupts();
     IdTableOpen();
     HardLinkTableOpen();
+    ReleaseInterrupts();
     for (AuditRoot* root = rootList; root; root = root->next) ProcessRoot(root);
 
     time_t end = time(nullptr);

@@ -1,6 +1,11 @@
 #include "log/log.h"
 
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <algorithm>
 #include <cerrno>
+#include <csignal>
 #include <cstdarg>
 #include <cstdlib>
 #include <cstring>
@@ -29,6 +34,64 @@ static void Unlock() {
     if (useLogThrdLock) pthread_mutex_unlock(logLock);
 }
 
+// The live status line is drawn on standard error with write(2), beside the
+// stdio stream (standard error is unbuffered, so nothing of the stream's
+// waits behind it). statusShown is the number of columns on screen; the
+// signal handler reads it to erase the line before its message.
+constexpr size_t STATUS_MAX_COLUMNS = 1024;
+static bool statusOpen = false;
+static bool logOnTerminal = false;  // the log shares the terminal: erase before log lines too
+static volatile sig_atomic_t statusShown = 0;
+
+void WriteFully(int fd, const char* p, size_t n) {
+    while (n > 0) {
+        ssize_t put = write(fd, p, n);
+        if (put < 0 && errno == EINTR) continue;
+        if (put <= 0) return;
+        p += put;
+        n -= static_cast<size_t>(put);
+    }
+}
+
+bool StatusLineOpen() {
+    statusOpen = ErrStream() == stderr && isatty(STDERR_FILENO);
+    logOnTerminal = statusOpen && isatty(fileno(LogStream()));
+    return statusOpen;
+}
+
+size_t StatusLineColumns() {
+    struct winsize size;
+    size_t columns = ioctl(STDERR_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0 ? size.ws_col : 80;
+    // The last column is left free: some terminals wrap as soon as it is written.
+    return std::clamp<size_t>(columns - 1, 1, STATUS_MAX_COLUMNS);
+}
+
+void StatusLineDraw(const char* text, size_t length) {
+    if (!statusOpen) return;
+    length = std::min(length, STATUS_MAX_COLUMNS);
+    // One write: a carriage return, the text, and blanks over the rest of the previous line.
+    char line[1 + 2 * STATUS_MAX_COLUMNS];
+    line[0] = '\r';
+    memcpy(line + 1, text, length);
+    size_t shown = static_cast<size_t>(statusShown);
+    size_t blanks = shown > length ? shown - length : 0;
+    memset(line + 1 + length, ' ', blanks);
+    WriteFully(STDERR_FILENO, line, 1 + length + blanks);
+    // Past the text there are only blanks now.
+    statusShown = static_cast<sig_atomic_t>(length);
+}
+
+void StatusLineErase() {
+    size_t shown = static_cast<size_t>(statusShown);
+    if (shown == 0) return;
+    statusShown = 0;
+    char line[2 + STATUS_MAX_COLUMNS];
+    line[0] = '\r';
+    memset(line + 1, ' ', shown);
+    line[1 + shown] = '\r';
+    WriteFully(STDERR_FILENO, line, 2 + shown);
+}
+
 static void SystemErrorLine(FILE* out, int errnum) {
     fprintf(out, "  (p%d) %s\n", errnum, strerror(errnum));
 }
@@ -37,7 +100,9 @@ void LogEntry(const char* format, ...) {
     va_list ap;
     va_start(ap, format);
     Lock();
+    if (logOnTerminal) StatusLineErase();
     vfprintf(LogStream(), format, ap);
+    fflush(LogStream());
     Unlock();
     va_end(ap);
 }
@@ -47,11 +112,14 @@ void LogEntry(const char* format, ...) {
 static void ErrorCopies(bool withSystem, int errnum, const char* format, va_list ap) {
     va_list again;
     va_copy(again, ap);
+    StatusLineErase();
     vfprintf(ErrStream(), format, ap);
     if (withSystem) SystemErrorLine(ErrStream(), errnum);
+    fflush(ErrStream());
     if (!errLogCombined && LogStream() != ErrStream()) {
         vfprintf(LogStream(), format, again);
         if (withSystem) SystemErrorLine(LogStream(), errnum);
+        fflush(LogStream());
     }
     va_end(again);
 }
@@ -91,10 +159,12 @@ void DebugLogEntry(int level, const char* format, ...) {
 }
 
 // The fatal message goes to the error file, and to standard error as well
-// when the error file is a named file, so that the user always sees it.
+// when the error file is a named file, so that the user always sees it. The
+// files the run created and registered go before the exit.
 [[noreturn]] static void FatalExit(int status, bool withSystem, int errnum, const char* format, va_list ap) {
     va_list again;
     va_copy(again, ap);
+    StatusLineErase();
     FILE* err = ErrStream();
     vfprintf(err, format, ap);
     if (withSystem) SystemErrorLine(err, errnum);
@@ -103,6 +173,7 @@ void DebugLogEntry(int level, const char* format, ...) {
         if (withSystem) SystemErrorLine(stderr, errnum);
     }
     va_end(again);
+    RemoveRegisteredFiles();
     exit(status);
 }
 

@@ -1,12 +1,18 @@
 // Log, error and debug output, time-stamped file names and the fatal-exit
-// routines through which every fatal condition ends the process.
+// routines through which every fatal condition ends the process; the files a
+// run removes when it ends early, the handler that ends it on SIGINT, SIGTERM
+// and SIGHUP, and the live status line on a terminal error output.
 //
 // Messages are printf formats over bytes: a path is written exactly as the
 // file system spells it, whatever the locale, and every stream stays narrow so
-// that later output on standard output is never dropped.
+// that later output on standard output is never dropped. The log and the
+// error output receive each message when it is logged (the stream is flushed
+// after it), so a run that is killed or interrupted leaves them complete up
+// to its last message.
 #pragma once
 
 #include <pthread.h>
+#include <cstddef>
 #include <cstdio>
 
 #define FV_PRINTF(fmt, args) __attribute__((format(printf, fmt, args)))
@@ -38,7 +44,8 @@ void LogPosixErr(int errnum, const char* format, ...) FV_PRINTF(2, 3);
 void DebugLogEntry(int level, const char* format, ...) FV_PRINTF(2, 3);
 
 /// Prints to the error file (and to standard error when that is another
-/// stream) and exits with status 1.
+/// stream), removes the files registered with RemoveOnFatalExit and exits
+/// with status 1.
 [[noreturn]] void ErrExit(const char* format, ...) FV_PRINTF(1, 2);
 /// As ErrExit with the given exit status.
 [[noreturn]] void ErrExitWithRetCode(int status, const char* format, ...) FV_PRINTF(2, 3);
@@ -47,6 +54,10 @@ void DebugLogEntry(int level, const char* format, ...) FV_PRINTF(2, 3);
 
 /// Widens strerror(errnum) byte by byte (sign-extended) into uniMsg and returns it.
 const wchar_t* PosixErrMsg(int errnum);
+
+/// Writes all n bytes to fd with write(2), again after an interruption;
+/// gives up on an error. Async-signal-safe.
+void WriteFully(int fd, const char* bytes, size_t n);
 
 /// Opens the log and error outputs (null name: the console stream); mode 1
 /// enables the log lock. A named file that cannot be created is fatal.
@@ -64,3 +75,46 @@ void CloseDebugLogFile();
 char* MakeFilename(const char* name, char* out);
 /// Reports "Unable to create <kind> file '<path>'" with the system reason and exits 1.
 [[noreturn]] void OpenLogErrFailed(const char* kind, const char* path);
+
+// ---- Ending early: registered files and interrupting signals (log/ending.cpp)
+
+/// Names that can be registered with RemoveOnFatalExit at one time.
+constexpr int FATAL_EXIT_SLOTS = 4;
+
+/// Registers a file that this run created and that must not outlive a fatal
+/// exit or an interrupting signal; the name is copied. Returns the slot to
+/// hand to KeepOnFatalExit, or -1 when the name is too long or no slot is free.
+int RemoveOnFatalExit(const char* path);
+/// Forgets a registered name (slot -1: nothing): the file is kept however the run ends.
+void KeepOnFatalExit(int slot);
+/// Removes every registered file and forgets the names. Async-signal-safe.
+void RemoveRegisteredFiles();
+
+/// Makes SIGINT, SIGTERM and SIGHUP end the run as a fatal error does: the
+/// status line is erased, the registered files are removed, the line
+/// "Scan interrupted by signal <n> (<name>)" goes to the error output (and to
+/// standard error when that is another stream), and the exit status is 128
+/// plus the signal number. A second signal while ending kills at once. A
+/// signal that was ignored when the program started stays ignored. Call after
+/// OpenLogErrFiles.
+void InstallInterruptHandlers();
+/// Holds the three signals back until ReleaseInterrupts, around a step that
+/// must not be cut in two (a file created and registered, a name made and removed).
+void HoldInterrupts();
+/// Restores the signal mask HoldInterrupts found, which delivers what it held
+/// back. Holds do not nest.
+void ReleaseInterrupts();
+
+// ---- The status line
+
+/// Decides whether a live status line can be shown: only when the error
+/// output is standard error (no -err) and a terminal. Call after OpenLogErrFiles.
+bool StatusLineOpen();
+/// Columns the status line may use: the terminal's width less one, at least 1.
+size_t StatusLineColumns();
+/// Replaces the status line by text (length bytes, one terminal column each,
+/// no control characters). Nothing happens when the line is not open.
+void StatusLineDraw(const char* text, size_t length);
+/// Clears the status line when one is shown. The log and error routines call
+/// it before they write; async-signal-safe.
+void StatusLineErase();

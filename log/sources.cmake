@@ -1,1 +1,1 @@
-list(APPEND FERROVAN_CORE_SOURCES log/log.cpp)
+list(APPEND FERROVAN_CORE_SOURCES log/log.cpp log/ending.cpp)

@@ -5,6 +5,7 @@ list(APPEND FERROVAN_CORE_SOURCES
   scan/accesspath.cpp
   scan/dispatch.cpp
   scan/idtable.cpp
+  scan/progress.cpp
   scan/recall.cpp
   scan/totals.cpp
   scan/walk.cpp

@@ -14,6 +14,7 @@
 #include "log/log.h"
 #include "scan/accesspath.h"
 #include "scan/dispatch.h"
+#include "scan/progress.h"
 #include "scan/totals.h"
 #include "support/memory.h"
 
@@ -84,6 +85,7 @@ static DirTally ReadDirectory(int fd, const char* accessPath, const char* logica
             const char* name = entry->d_name;
             if (IsDotOrDotDot(name)) continue;
             tally.entries++;
+            ProgressTick(accessPath);
             size_t nameLength = strlen(name);
             // "%s/%s" of the two and its terminator must fit an access-path buffer.
             if (accessLength + 1 + nameLength + 1 > ACCESS_PATH_SIZE)
@@ -132,6 +134,7 @@ int ProcessDirectory(const char* logicalPath, AuditRoot* root, int parentFd, con
     root->dirCount++;
     if (showProgress) LogEntry("%s\n", logicalPath);
     const char* accessPath = DirAccessPath(root->path, logicalPath);
+    ProgressTick(accessPath);
     if (level > MAX_DIR_LEVEL) {
         LogErr("Directory '%s' is nested deeper than %d levels and was not entered\n", accessPath, MAX_DIR_LEVEL);
         return 0;
@@ -188,7 +191,9 @@ int ProcessRoot(AuditRoot* root) {
     LogEntry("\n");
     LogEntry("\n");
     root->dtlStartPos = DtlPosition();
+    ProgressStart(root);
     ProcessDirectory("/", root, AT_FDCWD, root->path, 1);
+    ProgressEnd();
     LogRootTotals(root);
     DisplayTotals(root);
     return 0;

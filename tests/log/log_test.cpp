@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <csignal>
 #include <cstring>
 #include <ctime>
 
@@ -73,4 +74,78 @@ TEST(MakeFilename, RefusesANameThatDoesNotFit) {
     EXPECT_EQ(strlen(MakeFilename(fits.c_str(), out)), fits.size());
     std::string tooLong = std::string(MAX_PATH - 10, 'a') + "%d";
     EXPECT_EXIT(MakeFilename(tooLong.c_str(), out), testing::ExitedWithCode(1), "File name too long");
+}
+
+// Each message is in the file as soon as it is logged, before any close: a
+// run killed at any moment leaves its log whole up to its last message.
+TEST(LogRouting, EveryMessageReachesItsFileAtOnce) {
+    ScopedTempDir dir;
+    FILE* savedLog = logFile;
+    FILE* savedErr = errFile;
+    logFile = fopen((dir / "log").c_str(), "w");
+    errFile = fopen((dir / "err").c_str(), "w");
+    errLogCombined = 0;
+    LogEntry("Root path: %s", "/r");
+    EXPECT_EQ(ReadFile(dir / "log"), "Root path: /r");
+    LogPosixErr(EACCES, "Unable to open directory '%s'\n", "/r/x");
+    const std::string error = "Unable to open directory '/r/x'\n  (p13) Permission denied\n";
+    EXPECT_EQ(ReadFile(dir / "err"), error);
+    EXPECT_EQ(ReadFile(dir / "log"), "Root path: /r" + error);
+    fclose(logFile);
+    fclose(errFile);
+    logFile = savedLog;
+    errFile = savedErr;
+}
+
+// A fatal exit removes the files registered for it, and only those still
+// registered; the message and the status stay as they are.
+TEST(Ending, AFatalExitRemovesTheRegisteredFiles) {
+    ScopedTempDir dir;
+    for (const char* name : {"made", "kept", "other"}) WriteFile(dir / name, "x");
+    EXPECT_EXIT(
+        {
+            RemoveOnFatalExit((dir / "made").c_str());
+            KeepOnFatalExit(RemoveOnFatalExit((dir / "kept").c_str()));
+            ErrExit("Root '%s' is not a directory\n", "/x");
+        },
+        testing::ExitedWithCode(1), "^Root '/x' is not a directory\n$");
+    EXPECT_EQ(Entries(dir.path), (std::set<std::string>{"kept", "other"}));
+    // Four names at a time; a fifth is refused rather than forgotten silently.
+    int slots[FATAL_EXIT_SLOTS];
+    for (int& slot : slots) EXPECT_GE(slot = RemoveOnFatalExit((dir / "kept").c_str()), 0);
+    EXPECT_EQ(RemoveOnFatalExit((dir / "kept").c_str()), -1);
+    for (int slot : slots) KeepOnFatalExit(slot);
+}
+
+// The handler ends the run as a fatal error does: registered files go, the
+// signal's line reaches the error file and standard error, status 128 + N.
+// A signal ignored at the start, as nohup leaves SIGHUP, stays ignored.
+TEST(Ending, AnInterruptEndsTheRunLikeAFatalError) {
+    ScopedTempDir dir;
+    WriteFile(dir / "made", "x");
+    const std::string errPath = dir / "err";
+    EXPECT_EXIT(
+        {
+            errFile = fopen(errPath.c_str(), "w");
+            RemoveOnFatalExit((dir / "made").c_str());
+            InstallInterruptHandlers();
+            raise(SIGTERM);
+        },
+        testing::ExitedWithCode(128 + SIGTERM), "^Scan interrupted by signal 15 \\(Terminated\\)\n$");
+    EXPECT_EQ(ReadFile(errPath), "Scan interrupted by signal 15 (Terminated)\n");
+    EXPECT_FALSE(PathExists(dir / "made"));
+    EXPECT_EXIT(
+        {
+            errFile = stderr;
+            signal(SIGHUP, SIG_IGN);
+            InstallInterruptHandlers();
+            raise(SIGHUP);
+            // A signal held back arrives when it is let through.
+            HoldInterrupts();
+            raise(SIGINT);
+            fprintf(stderr, "still running\n");
+            ReleaseInterrupts();
+            exit(0);
+        },
+        testing::ExitedWithCode(128 + SIGINT), "^still running\nScan interrupted by signal 2 \\(Interrupt\\)\n$");
 }

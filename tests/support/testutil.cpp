@@ -1,11 +1,13 @@
 #include "tests/support/testutil.h"
 
 #include <fcntl.h>
+#include <sys/ptrace.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
@@ -50,36 +52,56 @@ std::set<std::string> Entries(const std::string& dir) {
     return names;
 }
 
-RunResult RunProgram(const std::string& program, const std::vector<std::string>& args, const RunOptions& options) {
-    // The program's three standard streams are files in a directory of their
-    // own, read back once it has ended.
-    ScopedTempDir io;
-    WriteFile(io / "in", options.input);
+pid_t StartProgram(const std::string& program, const std::vector<std::string>& args, const int (&stdio)[3],
+                   const RunOptions& options) {
     std::vector<std::string> argvStore = {program};
     if (options.unprivileged) argvStore = {"setpriv", "--reuid=65534", "--regid=65534", "--clear-groups", program};
     argvStore.insert(argvStore.end(), args.begin(), args.end());
     std::vector<char*> argv;
     for (auto& a : argvStore) argv.push_back(a.data());
     argv.push_back(nullptr);
+    std::vector<std::string> envStore = options.env;
     pid_t pid = fork();
     if (pid == 0) {
-        int fds[] = {open((io / "in").c_str(), O_RDONLY), open((io / "out").c_str(), O_WRONLY | O_CREAT, 0600),
-                     open((io / "err").c_str(), O_WRONLY | O_CREAT, 0600)};
+        // Descriptors 0 to 2 may be among the sources: move them all above first.
+        int fds[3];
+        for (int i = 0; i < 3; i++) fds[i] = fcntl(stdio[i], F_DUPFD_CLOEXEC, 3);
         for (int i = 0; i < 3; i++) dup2(fds[i], i);
         if (!options.cwd.empty() && chdir(options.cwd.c_str()) != 0) _exit(126);
+        for (std::string& setting : envStore) putenv(setting.data());
         if (options.fileSizeLimit) {
             // An ignored signal stays ignored across exec.
             signal(SIGXFSZ, SIG_IGN);
             struct rlimit limit = {options.fileSizeLimit, options.fileSizeLimit};
             if (setrlimit(RLIMIT_FSIZE, &limit) != 0) _exit(125);
         }
+        if (options.traced && ptrace(PTRACE_TRACEME, 0, nullptr, nullptr) != 0) _exit(124);
         execvp(argv[0], argv.data());
         _exit(127);
     }
+    return pid;
+}
+
+int WaitProgram(pid_t pid) {
     int status = 0;
-    waitpid(pid, &status, 0);
+    while (waitpid(pid, &status, 0) < 0) {
+        if (errno != EINTR) return -1;
+    }
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+RunResult RunProgram(const std::string& program, const std::vector<std::string>& args, const RunOptions& options) {
+    // The program's three standard streams are files in a directory of their
+    // own, read back once it has ended.
+    ScopedTempDir io;
+    WriteFile(io / "in", options.input);
+    int fds[] = {open((io / "in").c_str(), O_RDONLY | O_CLOEXEC),
+                 open((io / "out").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600),
+                 open((io / "err").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600)};
+    pid_t pid = StartProgram(program, args, fds, options);
+    for (int fd : fds) close(fd);
     RunResult result;
-    result.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    result.status = WaitProgram(pid);
     result.out = ReadFile(io / "out");
     result.err = ReadFile(io / "err");
     return result;

@@ -3,6 +3,8 @@
 #pragma once
 
 #include <cstdint>
+#include <sys/types.h>
+
 #include <cstdio>
 #include <cstdlib>
 #include <set>
@@ -47,11 +49,20 @@ struct RunOptions {
     bool unprivileged = false;  ///< run as user and group 65534 with no supplementary groups
     uint64_t fileSizeLimit = 0; ///< when not 0: the largest file the program may write (RLIMIT_FSIZE),
                                 ///< with SIGXFSZ ignored so that a write past it fails with EFBIG
+    std::vector<std::string> env = {};  ///< NAME=value settings added to the environment
+    bool traced = false;        ///< StartProgram only: the program stops under ptrace as it starts (PTRACE_TRACEME)
 };
 
 /// Runs program with args (argv[0] is the program path) and captures its output.
 RunResult RunProgram(const std::string& program, const std::vector<std::string>& args,
                      const RunOptions& options = {});
+/// Starts program with args and its standard input, output and error on the
+/// descriptors in stdio (each is duplicated; the caller keeps its own, and
+/// should open them close-on-exec), and returns at once with its process id.
+pid_t StartProgram(const std::string& program, const std::vector<std::string>& args, const int (&stdio)[3],
+                   const RunOptions& options = {});
+/// Waits for a started program; returns its exit status, or 128 + the signal that ended it.
+int WaitProgram(pid_t pid);
 
 /// Path of the Ferrovan binary under test.
 std::string FerrovanPath();
