@@ -4,7 +4,8 @@
 // The handler may run at any moment of the run, so it does only what is
 // async-signal-safe: sigaction, sigprocmask, unlink, write and _exit. It
 // needs no stdio: the log and error routines flush after every message, so
-// nothing of theirs waits in a buffer, and whatever a message was in the
+// nothing of theirs waits in a buffer but the -p lines, which wait in one of
+// their own that the handler writes out; whatever a message was in the
 // middle of formatting is lost with it.
 #include <limits.h>
 #include <unistd.h>
@@ -60,6 +61,7 @@ void OnInterrupt(int sig) {
     sigprocmask(SIG_UNBLOCK, &set, nullptr);
 
     StatusLineErase();
+    WriteWaitingTrace();
     RemoveRegisteredFiles();
     for (int i = 0; i < INTERRUPT_COUNT; i++) {
         if (INTERRUPT_SIGNALS[i] != sig) continue;

@@ -92,6 +92,67 @@ void StatusLineErase() {
     WriteFully(STDERR_FILENO, line, 2 + shown);
 }
 
+// Trace lines waiting for the log, whole lines only: traceLength grows only
+// after a line is complete, so the signal handler writes out what it finds.
+constexpr size_t TRACE_BUFFER_SIZE = 64 * 1024;
+static char traceBuffer[TRACE_BUFFER_SIZE];
+static volatile sig_atomic_t traceLength = 0;
+static timespec traceSince;  // when the oldest waiting line came
+static int traceDirect = -1;  // 1 when the log is a terminal: lines are not held back; -1 not yet known
+static int traceFd = -1;      // the log's descriptor, for the signal handler
+
+static long NanosSince(const timespec& then) {
+    timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return (now.tv_sec - then.tv_sec) * 1000000000L + (now.tv_nsec - then.tv_nsec);
+}
+
+void LogTraceFlush(bool force) {
+    size_t length = static_cast<size_t>(traceLength);
+    if (length == 0 || (!force && NanosSince(traceSince) < LOG_TRACE_WAIT_NS)) return;
+    // Whatever the stream holds was logged before these lines.
+    fflush(LogStream());
+    // A signal handler that came between the write and the reset would
+    // write the same lines again: signals wait for both.
+    sigset_t all, before;
+    sigfillset(&all);
+    sigprocmask(SIG_BLOCK, &all, &before);
+    WriteFully(traceFd, traceBuffer, length);
+    traceLength = 0;
+    sigprocmask(SIG_SETMASK, &before, nullptr);
+}
+
+static void FlushTraceAtExit() { LogTraceFlush(true); }
+
+void WriteWaitingTrace() {
+    size_t length = static_cast<size_t>(traceLength);
+    if (length > 0) WriteFully(traceFd, traceBuffer, length);
+    traceLength = 0;
+}
+
+void LogTraceLine(const char* text) {
+    if (traceDirect < 0) {
+        traceFd = fileno(LogStream());
+        traceDirect = isatty(traceFd) ? 1 : 0;
+        if (!traceDirect) atexit(FlushTraceAtExit);
+    }
+    size_t n = strlen(text);
+    if (traceDirect || n + 1 > TRACE_BUFFER_SIZE) {
+        LogEntry("%s\n", text);
+        return;
+    }
+    size_t length = static_cast<size_t>(traceLength);
+    if (length + n + 1 > TRACE_BUFFER_SIZE) {
+        LogTraceFlush(true);
+        length = 0;
+    }
+    if (length == 0) clock_gettime(CLOCK_MONOTONIC, &traceSince);
+    memcpy(traceBuffer + length, text, n);
+    traceBuffer[length + n] = '\n';
+    traceLength = static_cast<sig_atomic_t>(length + n + 1);
+    LogTraceFlush(false);
+}
+
 static void SystemErrorLine(FILE* out, int errnum) {
     fprintf(out, "  (p%d) %s\n", errnum, strerror(errnum));
 }
@@ -101,6 +162,7 @@ void LogEntry(const char* format, ...) {
     va_start(ap, format);
     Lock();
     if (logOnTerminal) StatusLineErase();
+    LogTraceFlush(true);
     vfprintf(LogStream(), format, ap);
     fflush(LogStream());
     Unlock();
@@ -113,6 +175,7 @@ static void ErrorCopies(bool withSystem, int errnum, const char* format, va_list
     va_list again;
     va_copy(again, ap);
     StatusLineErase();
+    LogTraceFlush(true);
     vfprintf(ErrStream(), format, ap);
     if (withSystem) SystemErrorLine(ErrStream(), errnum);
     fflush(ErrStream());
@@ -165,6 +228,7 @@ void DebugLogEntry(int level, const char* format, ...) {
     va_list again;
     va_copy(again, ap);
     StatusLineErase();
+    LogTraceFlush(true);
     FILE* err = ErrStream();
     vfprintf(err, format, ap);
     if (withSystem) SystemErrorLine(err, errnum);

@@ -33,6 +33,19 @@ constexpr int MAX_PATH = 512;
 
 /// Writes a message to the execution log.
 void LogEntry(const char* format, ...) FV_PRINTF(1, 2);
+/// Writes text and a newline to the log, as LogEntry("%s\n", text) does, but
+/// on a log that is not a terminal the line may wait in a buffer of its own
+/// for up to LOG_TRACE_WAIT_NS: -p logs a line per directory, and a write of
+/// each would cost more than all the rest of the run's logging. Any other
+/// message, an interrupting signal, a fatal exit and the program's end write
+/// out what waits first.
+void LogTraceLine(const char* text);
+/// Writes out the waiting trace lines: all of them when force is set, else
+/// only when the oldest has waited LOG_TRACE_WAIT_NS. The walk calls it now
+/// and then, so that lines do not wait behind a long directory.
+void LogTraceFlush(bool force);
+/// Longest time a trace line waits before it is written out.
+constexpr long LOG_TRACE_WAIT_NS = 10000000;
 /// Writes a message to the error file, and to the log too unless errLogCombined.
 void LogErr(const char* format, ...) FV_PRINTF(1, 2);
 /// As LogErr, each copy followed by the line "  (p<errno>) <system text>".
@@ -89,6 +102,8 @@ int RemoveOnFatalExit(const char* path);
 void KeepOnFatalExit(int slot);
 /// Removes every registered file and forgets the names. Async-signal-safe.
 void RemoveRegisteredFiles();
+/// Writes the trace lines waiting for the log with write(2). Async-signal-safe.
+void WriteWaitingTrace();
 
 /// Makes SIGINT, SIGTERM and SIGHUP end the run as a fatal error does: the
 /// status line is erased, the registered files are removed, the line

@@ -12,6 +12,7 @@
 uint32_t progressCountdown = 0;
 
 static const AuditRoot* progressRoot = nullptr;
+static bool lineShown = false;
 static timespec walkStart;
 static timespec lastDrawn;
 
@@ -121,15 +122,19 @@ static void Draw(const char* dirPath, const timespec& now) {
 
 void ProgressStart(const AuditRoot* root) {
     progressCountdown = 0;
-    if (!StatusLineOpen()) return;
+    lineShown = StatusLineOpen();
+    // The ticks also write out -p's lines that wait behind a long directory.
+    if (!lineShown && !showProgress) return;
     progressRoot = root;
     clock_gettime(CLOCK_MONOTONIC, &walkStart);
-    Draw(root->path, walkStart);
+    if (lineShown) Draw(root->path, walkStart);
     progressCountdown = PROGRESS_CHECK_EVERY;
 }
 
 void ProgressRefresh(const char* dirPath) {
     progressCountdown = PROGRESS_CHECK_EVERY;
+    LogTraceFlush(false);
+    if (!lineShown) return;
     timespec now;
     clock_gettime(CLOCK_MONOTONIC, &now);
     if (NanosBetween(lastDrawn, now) >= PROGRESS_REDRAW_NS) Draw(dirPath, now);

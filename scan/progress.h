@@ -31,7 +31,8 @@ struct ProgressFigures {
 
 /// Starts the line for root's walk when the error output can show one, and draws it.
 void ProgressStart(const AuditRoot* root);
-/// Draws the line afresh when a tenth of a second has passed since the last drawing.
+/// Draws the line afresh when a tenth of a second has passed since the last
+/// drawing, and writes out -p's lines that have waited long enough.
 void ProgressRefresh(const char* dirPath);
 /// Erases the line and stops it; the walk is over.
 void ProgressEnd();

@@ -132,7 +132,7 @@ static void DispatchDirEnd(const char* logicalPath, const DirTally& tally) {
 
 int ProcessDirectory(const char* logicalPath, AuditRoot* root, int parentFd, const char* name, int level) {
     root->dirCount++;
-    if (showProgress) LogEntry("%s\n", logicalPath);
+    if (showProgress) LogTraceLine(logicalPath);
     const char* accessPath = DirAccessPath(root->path, logicalPath);
     ProgressTick(accessPath);
     if (level > MAX_DIR_LEVEL) {
