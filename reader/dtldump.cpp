@@ -454,7 +454,9 @@ int main(int argc, char** argv) {
 
     DtlReader r;
     DtlStep step = DTL_STEP_FAULT;
-    bool headers = DtlOpen(&r, path);
+    DtlOpenOptions openOptions;
+    openOptions.nameLinks = !summary;  // only the hard-link table's lines need them
+    bool headers = DtlOpen(&r, path, openOptions);
     if (headers) {
         json ? PrintHeadersJson(r) : PrintHeadersText(r);
         step = PrintBody(&r);
