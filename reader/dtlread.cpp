@@ -407,19 +407,18 @@ static bool CloseEntries(DtlReader* r) {
     if (f.entries == 0) r->totals.emptyDirHeaders++;
     // The scan fills a directory's counts when it leaves the directory.
     if (r->unfinished && f.expFiles == 0 && f.expSubdirs == 0 && f.expBytes == 0) return true;
-    std::string name = Quote(f.path);
     if (f.files != f.expFiles)
         return Fail(r, f.headerPos + DTL_DIR_FILES_POS,
-                    "directory %s: its header record counts %u files, but %u file records follow it", name.c_str(),
+                    "directory %s: its header record counts %u files, but %u file records follow it", Quote(f.path).c_str(),
                     f.expFiles, f.files);
     if (f.subdirs != f.expSubdirs)
         return Fail(r, f.headerPos + DTL_DIR_SUBDIRS_POS,
                     "directory %s: its header record counts %u subdirectories, but %u subdirectory records follow it",
-                    name.c_str(), f.expSubdirs, f.subdirs);
+                    Quote(f.path).c_str(), f.expSubdirs, f.subdirs);
     if (f.bytes != f.expBytes)
         return Fail(r, f.headerPos + DTL_DIR_BYTES_POS,
                     "directory %s: its header record counts %llu bytes of files, but its file records add up to %llu",
-                    name.c_str(), static_cast<unsigned long long>(f.expBytes),
+                    Quote(f.path).c_str(), static_cast<unsigned long long>(f.expBytes),
                     static_cast<unsigned long long>(f.bytes));
     return true;
 }

@@ -1,0 +1,315 @@
+#include "reader/report.h"
+
+#include <grp.h>
+#include <pwd.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <charconv>
+#include <cstring>
+#include <unordered_map>
+
+#include "reader/textout.h"
+
+namespace {
+
+// Name extensions, at most 16 bytes, held in the slots of an open-addressed
+// table: no allocation per extension and one probe for most lookups.
+struct ExtensionSlot {
+    uint64_t key[2];  // the bytes, zero-padded
+    uint32_t length;
+    bool used;
+    Tally tally;
+};
+
+struct ExtensionTable {
+    std::vector<ExtensionSlot> slots = std::vector<ExtensionSlot>(1024);
+    size_t used = 0;
+};
+
+size_t SlotOf(const std::vector<ExtensionSlot>& slots, const uint64_t key[2], uint32_t length) {
+    size_t mask = slots.size() - 1;
+    size_t i = ((key[0] * 0x9E3779B97F4A7C15ull) ^ (key[1] * 0xC2B2AE3D27D4EB4Full) ^ length) >> 17 & mask;
+    while (slots[i].used && (slots[i].key[0] != key[0] || slots[i].key[1] != key[1] || slots[i].length != length))
+        i = (i + 1) & mask;
+    return i;
+}
+
+Tally* ExtensionTally(ExtensionTable* t, std::string_view ext) {
+    uint64_t key[2] = {0, 0};
+    memcpy(key, ext.data(), ext.size());
+    uint32_t length = static_cast<uint32_t>(ext.size());
+    size_t i = SlotOf(t->slots, key, length);
+    if (t->slots[i].used) return &t->slots[i].tally;
+    if (2 * (t->used + 1) > t->slots.size()) {
+        std::vector<ExtensionSlot> bigger(2 * t->slots.size());
+        for (const ExtensionSlot& old : t->slots)
+            if (old.used) bigger[SlotOf(bigger, old.key, old.length)] = old;
+        t->slots.swap(bigger);
+        i = SlotOf(t->slots, key, length);
+    }
+    t->used++;
+    ExtensionSlot& slot = t->slots[i];
+    slot = {{key[0], key[1]}, length, true, {}};
+    return &slot.tally;
+}
+
+using IdMap = std::unordered_map<uint32_t, Tally>;
+
+// The state of one pass: what is open and what was counted so far.
+struct Gather {
+    const ReportOptions& options;
+    ReportScan& scan;
+    int64_t runTime = 0;
+    std::vector<uint32_t> open;  // rows of the directories on the walk's path, the root first
+    IdMap users, groups;
+    uint32_t lastUid = 0, lastGid = 0;
+    Tally* lastUser = nullptr;
+    Tally* lastGroup = nullptr;
+    ExtensionTable extensions;
+};
+
+void Add(Tally* t, bool file, uint64_t bytes) {
+    t->entries++;
+    t->files += file;
+    t->bytes += bytes;
+}
+
+Tally* IdTally(IdMap* map, uint32_t id, uint32_t* lastId, Tally** last) {
+    // Entries of one owner come in long runs: the last answer is asked first.
+    if (*last && *lastId == id) return *last;
+    *lastId = id;
+    return *last = &(*map)[id];
+}
+
+int64_t Age(int64_t runTime, uint32_t time) {
+    int64_t age = runTime - static_cast<int64_t>(time);
+    return age < 0 ? 0 : age;  // a time after the scan started counts as new
+}
+
+size_t AgeRowOf(const std::vector<int64_t>& bounds, int64_t age) {
+    size_t i = 0;
+    while (i < bounds.size() && age >= bounds[i]) i++;
+    return i;
+}
+
+void EnterDirectory(Gather* g, const DtlRecord& rec) {
+    std::vector<DirRow>& dirs = g->scan.dirs;
+    uint32_t depth = rec.depth - 1;  // the reader counts the root as 1
+    g->open.resize(depth);
+    DirRow& row = dirs.emplace_back();
+    row.path = rec.name;
+    row.depth = depth;
+    row.parent = depth ? g->open[depth - 1] : 0;
+    g->open.push_back(static_cast<uint32_t>(dirs.size() - 1));
+}
+
+// Runs once per entry record: no allocation but for an owner, an extension
+// or a directory seen for the first time.
+void CountEntry(Gather* g, const DtlRecord& rec) {
+    const DtlRecordFixed& fx = rec.fixed;
+    const ReportOptions& o = g->options;
+    bool dir = S_ISDIR(fx.mode);
+    uint64_t bytes = rec.counted ? fx.size : 0;
+    uint32_t touched = std::max(fx.mtime, fx.atime);
+    if (o.dirs) {
+        DirRow& row = g->scan.dirs[g->open[rec.depth - 1]];
+        Add(&row.own, !dir, bytes);
+        if (!dir && Age(g->runTime, touched) >= o.coldAge) {
+            row.ownColdFiles++;
+            row.ownColdBytes += bytes;
+        }
+    }
+    if (o.owners) {
+        Add(IdTally(&g->users, fx.uid, &g->lastUid, &g->lastUser), !dir, bytes);
+        Add(IdTally(&g->groups, fx.gid, &g->lastGid, &g->lastGroup), !dir, bytes);
+    }
+    if (o.ages && !dir) {
+        std::vector<AgeRow>& ages = g->scan.ages;
+        Add(&ages[AgeRowOf(o.ageBounds, Age(g->runTime, fx.mtime))].modified, true, bytes);
+        Add(&ages[AgeRowOf(o.ageBounds, Age(g->runTime, fx.atime))].accessed, true, bytes);
+    }
+    if (o.types) {
+        Add(&g->scan.kinds[KindOf(fx.mode)], !dir, bytes);
+        if (S_ISREG(fx.mode)) {
+            char buffer[16];
+            Add(ExtensionTally(&g->extensions, ExtensionOf(rec.name, buffer)), true, bytes);
+        }
+    }
+}
+
+std::vector<OwnerRow> OwnerRows(const IdMap& map, bool users, bool names) {
+    std::vector<OwnerRow> rows;
+    std::vector<char> buffer(16384);
+    for (const auto& [id, tally] : map) {
+        OwnerRow& row = rows.emplace_back();
+        row.id = id;
+        row.tally = tally;
+        if (!names) continue;
+        if (users) {
+            struct passwd pw, *found = nullptr;
+            if (getpwuid_r(id, &pw, buffer.data(), buffer.size(), &found) == 0 && found) row.name = found->pw_name;
+        } else {
+            struct group gr, *found = nullptr;
+            if (getgrgid_r(id, &gr, buffer.data(), buffer.size(), &found) == 0 && found) row.name = found->gr_name;
+        }
+    }
+    std::sort(rows.begin(), rows.end(), [](const OwnerRow& a, const OwnerRow& b) {
+        return a.tally.bytes != b.tally.bytes ? a.tally.bytes > b.tally.bytes : a.id < b.id;
+    });
+    return rows;
+}
+
+// What the pass counted per directory becomes what lies below each one:
+// children follow their parents, so one backward sweep adds them up.
+void FinishDirs(std::vector<DirRow>* dirs) {
+    for (DirRow& row : *dirs) {
+        row.total = row.own;
+        row.coldFiles = row.ownColdFiles;
+        row.coldBytes = row.ownColdBytes;
+    }
+    for (size_t i = dirs->size(); i-- > 1;) {
+        const DirRow& child = (*dirs)[i];
+        DirRow& parent = (*dirs)[child.parent];
+        parent.total.entries += child.total.entries;
+        parent.total.files += child.total.files;
+        parent.total.bytes += child.total.bytes;
+        parent.coldFiles += child.coldFiles;
+        parent.coldBytes += child.coldBytes;
+    }
+}
+
+void Finish(Gather* g) {
+    ReportScan& s = g->scan;
+    if (g->options.dirs) FinishDirs(&s.dirs);
+    if (g->options.owners) {
+        s.users = OwnerRows(g->users, true, g->options.ownerNames);
+        s.groups = OwnerRows(g->groups, false, g->options.ownerNames);
+    }
+    for (const ExtensionSlot& slot : g->extensions.slots)
+        if (slot.used) s.extensions.push_back({std::string(reinterpret_cast<const char*>(slot.key), slot.length), slot.tally});
+    std::sort(s.extensions.begin(), s.extensions.end(), [](const ExtensionRow& a, const ExtensionRow& b) {
+        return a.tally.bytes != b.tally.bytes ? a.tally.bytes > b.tally.bytes : a.extension < b.extension;
+    });
+}
+
+void StartAges(const ReportOptions& o, std::vector<AgeRow>* ages) {
+    for (size_t i = 0; i <= o.ageBounds.size(); i++) {
+        AgeRow& row = ages->emplace_back();
+        row.from = i ? o.ageBounds[i - 1] : 0;
+        row.to = i < o.ageBounds.size() ? o.ageBounds[i] : -1;
+        if (i == 0)
+            row.label = "< " + o.ageNames[0];
+        else if (i == o.ageBounds.size())
+            row.label = ">= " + o.ageNames[i - 1];
+        else
+            row.label = o.ageNames[i - 1] + " - " + o.ageNames[i];
+    }
+}
+
+}  // namespace
+
+bool ReadReport(const char* path, const ReportOptions& options, ReportScan* scan) {
+    ReportScan& s = *scan;
+    s.path = path;
+    DtlReader r;
+    bool opened = DtlOpen(&r, path, {.acceptUnfinished = options.partial, .nameLinks = false});
+    s.opened = r.fd >= 0;
+    s.compressed = r.wasCompressed;
+    s.unfinished = r.unfinished;
+    if (!opened) {
+        s.fault = r.fault;
+        DtlClose(&r);
+        return false;
+    }
+    s.log = r.log;
+    s.root = r.root;
+    s.strings = r.strings;
+    ReportOptions o = options;
+    std::string error;
+    if (o.ageBounds.empty()) ParseAgeList(DEFAULT_AGE_LIST, &o.ageBounds, &o.ageNames, &error);
+    if (o.ages) StartAges(o, &s.ages);
+    Gather g{o, s, r.log.runTime, {}, {}, {}, 0, 0, nullptr, nullptr, {}};
+    DtlStep step;
+    while ((step = DtlNext(&r)) == DTL_STEP_RECORD || step == DTL_STEP_LINK) {
+        if (step != DTL_STEP_RECORD) continue;
+        if (r.rec.kind == DTL_REC_ENTRY)
+            CountEntry(&g, r.rec);
+        else if (r.rec.kind == DTL_REC_DIR_HEADER && options.dirs)
+            EnterDirectory(&g, r.rec);
+    }
+    s.totals = r.totals;
+    s.complete = step == DTL_STEP_DONE && !r.unfinished;
+    if (step == DTL_STEP_FAULT) s.fault = r.fault;
+    DtlClose(&r);
+    if (step == DTL_STEP_FAULT && !options.partial) return false;
+    Finish(&g);
+    return true;
+}
+
+bool ParseAgeList(std::string_view text, std::vector<int64_t>* bounds, std::vector<std::string>* names,
+                  std::string* error) {
+    bounds->clear();
+    names->clear();
+    size_t at = 0;
+    while (at <= text.size()) {
+        size_t comma = std::min(text.find(',', at), text.size());
+        std::string_view item = text.substr(at, comma - at);
+        at = comma + 1;
+        uint64_t count = 0;
+        auto [end, ec] = std::from_chars(item.data(), item.data() + item.size(), count);
+        size_t digits = static_cast<size_t>(end - item.data());
+        int64_t unit = 0;
+        if (ec == std::errc() && digits + 1 == item.size()) {
+            switch (item.back()) {
+                case 'h': unit = 3600; break;
+                case 'd': unit = 86400; break;
+                case 'w': unit = 7 * 86400; break;
+                case 'm': unit = 2629800; break;  // a twelfth of 365.25 days
+                case 'y': unit = 31557600; break;
+            }
+        }
+        if (!unit || count == 0 || count > 1000000) {
+            *error = Cat("'", item, "' is not an age such as 30d, 6m or 2y");
+            return false;
+        }
+        int64_t seconds = static_cast<int64_t>(count) * unit;
+        if (!bounds->empty() && seconds <= bounds->back()) {
+            *error = Cat("ages must grow from left to right: '", item, "' follows '", names->back(), "'");
+            return false;
+        }
+        bounds->push_back(seconds);
+        names->emplace_back(item);
+    }
+    return true;
+}
+
+EntryKind KindOf(uint32_t mode) {
+    switch (mode & S_IFMT) {
+        case S_IFREG: return KIND_FILE;
+        case S_IFDIR: return KIND_DIR;
+        case S_IFLNK: return KIND_SYMLINK;
+        default: return KIND_OTHER;
+    }
+}
+
+std::string_view ExtensionOf(std::string_view name, char (&buffer)[16]) {
+    size_t dot = name.rfind('.');
+    if (dot == std::string_view::npos || dot == 0 || dot + 1 == name.size() || name.size() - dot - 1 > sizeof buffer)
+        return {};
+    size_t length = name.size() - dot - 1;
+    for (size_t i = 0; i < length; i++) {
+        char c = name[dot + 1 + i];
+        buffer[i] = c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+    }
+    return {buffer, length};
+}
+
+std::string FullPath(std::string_view rootPath, std::string_view logical) {
+    std::string path(rootPath);
+    if (logical == "/") return path.empty() ? "/" : path;
+    if (!path.empty() && path.back() == '/') path.pop_back();
+    path += logical;
+    return path;
+}
