@@ -75,8 +75,8 @@ struct ReportOptions {
     bool partial = false;
     /// Upper bounds of the age rows but the last, in seconds, ascending, with
     /// the texts that name them.
-    std::vector<int64_t> ageBounds;
-    std::vector<std::string> ageNames;
+    std::vector<int64_t> ageBounds = {};
+    std::vector<std::string> ageNames = {};
     /// A file is cold when neither modified nor accessed for at least this
     /// many seconds before the scan started.
     int64_t coldAge = 31557600;

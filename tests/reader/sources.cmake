@@ -1,4 +1,6 @@
 list(APPEND FERROVAN_TEST_SOURCES
   reader/dtldump_test.cpp
   reader/dtlread_test.cpp
+  reader/report_test.cpp
+  reader/scantree.cpp
 )
