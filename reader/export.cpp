@@ -158,7 +158,7 @@ struct Writer {
     size_t cap = 0, len = 0;
     std::string root;       // the root path
     Escaped prefix;         // the real path of the current directory, with its slash
-    std::string prefixHex;  // its bytes in hexadecimal
+    std::string prefixRaw;  // its bytes, for a path that is not UTF-8
     Escaped scratch;        // a name or target that is not plain, escaped
     DateCache dates;
 };
@@ -195,7 +195,7 @@ size_t Bound(std::string_view text) { return 8 * text.size() + 16; }
 // Writes a path (the directory's prefix and a name) or a link target (no
 // prefix) as the format's text column or member and its hexadecimal twin.
 template <bool csv>
-char* PutText(Writer* w, char* p, std::string_view key, const Escaped* prefix, std::string_view prefixHex,
+char* PutText(Writer* w, char* p, std::string_view key, const Escaped* prefix, std::string_view prefixRaw,
               std::string_view tail) {
     std::string_view text = tail;
     bool quote = prefix && prefix->quote, utf8 = !prefix || prefix->utf8;
@@ -225,7 +225,7 @@ char* PutText(Writer* w, char* p, std::string_view key, const Escaped* prefix, s
         p = Put(p, key);
         p = Lit(p, "Hex\":\"");
     }
-    p = Put(p, prefixHex);
+    p = PutHex(p, prefixRaw);
     p = PutHex(p, tail);
     if (!csv) *p++ = '"';
     return p;
@@ -249,10 +249,10 @@ char* End(char* p) {
 template <bool csv>
 void PutEntry(Writer* w, const DtlRecord& rec) {
     const DtlRecordFixed& fx = rec.fixed;
-    char* start = Room(w, w->prefix.text.size() + w->prefixHex.size() + Bound(rec.name) + Bound(rec.target) + 512);
+    char* start = Room(w, w->prefix.text.size() + 2 * w->prefixRaw.size() + Bound(rec.name) + Bound(rec.target) + 512);
     char* p = start;
     if (!csv) *p++ = '{';
-    p = PutText<csv>(w, p, "path", &w->prefix, w->prefixHex, rec.name);
+    p = PutText<csv>(w, p, "path", &w->prefix, w->prefixRaw, rec.name);
     if (csv) *p++ = ',';  // after pathHex
     p = Key<csv>(p, ",\"kind\":\"");
     p = Put(p, KindName(fx.mode));
@@ -295,16 +295,13 @@ void PutEntry(Writer* w, const DtlRecord& rec) {
 }
 
 void EnterDirectory(Writer* w, bool csv, std::string_view logical) {
-    std::string& path = w->scratch.text;
+    std::string& path = w->prefixRaw;
     path = FullPath(w->root, logical);
     if (path.back() != '/') path += '/';
     w->prefix.text.clear();
     w->prefix.quote = false;
     w->prefix.utf8 = true;
     Escape(path, csv, &w->prefix);
-    // Only a path that is not UTF-8 is written in hexadecimal too.
-    w->prefixHex.clear();
-    if (!w->prefix.utf8) AppendHex(&w->prefixHex, path);
 }
 
 }  // namespace
