@@ -250,6 +250,7 @@ bool ReadReport(const char* path, const ReportOptions& options, ReportScan* scan
 
 bool ParseAgeList(std::string_view text, std::vector<int64_t>* bounds, std::vector<std::string>* names,
                   std::string* error) {
+    error->clear();
     bounds->clear();
     names->clear();
     size_t at = 0;
@@ -270,13 +271,15 @@ bool ParseAgeList(std::string_view text, std::vector<int64_t>* bounds, std::vect
                 case 'y': unit = 31557600; break;
             }
         }
-        if (!unit || count == 0 || count > 1000000) {
+        bool valid = unit && count > 0 && count <= 1000000;
+        int64_t seconds = valid ? static_cast<int64_t>(count) * unit : 0;
+        if (!valid)
             *error = Cat("'", item, "' is not an age such as 30d, 6m or 2y");
-            return false;
-        }
-        int64_t seconds = static_cast<int64_t>(count) * unit;
-        if (!bounds->empty() && seconds <= bounds->back()) {
+        else if (!bounds->empty() && seconds <= bounds->back())
             *error = Cat("ages must grow from left to right: '", item, "' follows '", names->back(), "'");
+        if (!error->empty()) {
+            bounds->clear();
+            names->clear();
             return false;
         }
         bounds->push_back(seconds);

@@ -112,7 +112,7 @@ bool ReadReport(const char* path, const ReportOptions& options, ReportScan* scan
 /// Parses a list of ages such as "1m,6m,1y,3y" (each a positive whole number
 /// with a unit: h hours, d days, w weeks, m months of 1/12 year, y years of
 /// 365.25 days; ascending) into options->ageBounds and ageNames. False with
-/// *error filled when the text is not such a list.
+/// *error filled (and the lists empty) when the text is not such a list.
 bool ParseAgeList(std::string_view text, std::vector<int64_t>* bounds, std::vector<std::string>* names,
                   std::string* error);
 

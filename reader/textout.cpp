@@ -137,7 +137,8 @@ std::string HumanSize(uint64_t bytes) {
     }
     double value = static_cast<double>(bytes);
     int unit = 0;
-    while (value >= 1024 && unit < 6) {
+    // Up to the unit that shows at most "1023", never a rounded "1024".
+    while (value >= 1023.5 && unit < 6) {
         value /= 1024;
         unit++;
     }

@@ -4,4 +4,5 @@ list(APPEND FERROVAN_TEST_SOURCES
   reader/dtlread_test.cpp
   reader/report_test.cpp
   reader/scantree.cpp
+  reader/textout_test.cpp
 )
