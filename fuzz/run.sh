@@ -22,12 +22,15 @@ mkdir -p "$artifacts"
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 
-for target in config_reader template_match; do
+for target in config_reader template_match dtl_report; do
   echo "== fuzz_$target for $seconds s"
   mkdir "$work/$target"
   # Logical configuration lines reach 512 bytes only through several physical
-  # lines, so inputs may be up to 2 KiB.
-  build/fuzz/fuzz/fuzz_$target -max_total_time="$seconds" -timeout=10 -rss_limit_mb=2048 -max_len=2048 \
+  # lines, so inputs may be up to 2 KiB. Detail files need room for a few
+  # directories of records after 300 bytes of headers: 16 KiB.
+  max_len=2048
+  [ "$target" = dtl_report ] && max_len=16384
+  build/fuzz/fuzz/fuzz_$target -max_total_time="$seconds" -timeout=10 -rss_limit_mb=2048 -max_len="$max_len" \
     -print_final_stats=1 -artifact_prefix="$artifacts/$target-" "$work/$target" "fuzz/corpus/$target"
 done
 echo "fuzzing passed"

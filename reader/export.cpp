@@ -133,7 +133,7 @@ void Escape(std::string_view raw, bool csv, Escaped* e) {
 
 // Copies bytes; with a literal the length is known when compiling.
 char* Put(char* p, std::string_view text) {
-    memcpy(p, text.data(), text.size());
+    if (!text.empty()) memcpy(p, text.data(), text.size());
     return p + text.size();
 }
 

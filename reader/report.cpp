@@ -38,7 +38,7 @@ size_t SlotOf(const std::vector<ExtensionSlot>& slots, const uint64_t key[2], ui
 
 Tally* ExtensionTally(ExtensionTable* t, std::string_view ext) {
     uint64_t key[2] = {0, 0};
-    memcpy(key, ext.data(), ext.size());
+    if (!ext.empty()) memcpy(key, ext.data(), ext.size());
     uint32_t length = static_cast<uint32_t>(ext.size());
     size_t i = SlotOf(t->slots, key, length);
     if (t->slots[i].used) return &t->slots[i].tally;
