@@ -60,9 +60,10 @@ void PrintAges(std::string* out, const ReportScan& s, const PrintOptions& o) {
         for (size_t i = 0; i < order.size(); i++) {
             const DirRow& d = s.dirs[order[i]];
             *out += i ? ",\n  {" : "\n  {";
-            AppendJsonMember(out, "path", FullPath(s.strings.rootPath, d.path));
+            std::string logical = DirPath(s.dirs, order[i]);
+            AppendJsonMember(out, "path", FullPath(s.strings.rootPath, logical));
             *out += ", ";
-            AppendJsonMember(out, "logicalPath", d.path);
+            AppendJsonMember(out, "logicalPath", logical);
             AppendFormat(out, ", \"depth\": %u, \"coldFiles\": %llu, \"coldBytes\": %llu, \"files\": %llu, \"bytes\": %llu}",
                          d.depth, static_cast<unsigned long long>(d.coldFiles),
                          static_cast<unsigned long long>(d.coldBytes), static_cast<unsigned long long>(d.total.files),
@@ -89,7 +90,7 @@ void PrintAges(std::string* out, const ReportScan& s, const PrintOptions& o) {
     for (size_t i : order) {
         const DirRow& d = s.dirs[i];
         c.rows.push_back({HumanSize(d.coldBytes), Number(d.coldBytes), Number(d.coldFiles),
-                          Share(d.coldBytes, d.total.bytes), CellPath(FullPath(s.strings.rootPath, d.path))});
+                          Share(d.coldBytes, d.total.bytes), CellPath(FullPath(s.strings.rootPath, DirPath(s.dirs, i)))});
     }
     if (order.empty())
         *out += "  (none)\n";

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <memory>
 
+#include "reader/dtlpipe.h"
 #include "reader/textout.h"
 
 namespace {
@@ -328,15 +329,15 @@ bool ExportEntries(const char* path, ExportFormat format, bool partial, ExportSi
     w->root = r.strings.rootPath;
     bool csv = format == EXPORT_CSV;
     if (csv) w->len = static_cast<size_t>(Put(w->buf.get(), CSV_HEADER) - w->buf.get());
-    DtlStep step;
-    while ((step = DtlNext(&r)) == DTL_STEP_RECORD || step == DTL_STEP_LINK) {
-        if (step != DTL_STEP_RECORD) continue;
-        if (r.rec.kind == DTL_REC_ENTRY)
-            csv ? PutEntry<true>(w.get(), r.rec) : PutEntry<false>(w.get(), r.rec);
-        else if (r.rec.kind == DTL_REC_DIR_HEADER)
-            EnterDirectory(w.get(), csv, r.rec.name);
+    DtlPipe* pipe = DtlPipeStart(&r);
+    while (const DtlRecord* rec = DtlPipeNext(pipe)) {
+        if (rec->kind == DTL_REC_ENTRY)
+            csv ? PutEntry<true>(w.get(), *rec) : PutEntry<false>(w.get(), *rec);
+        else
+            EnterDirectory(w.get(), csv, rec->name);
         if (sink->writeError) break;
     }
+    DtlStep step = DtlPipeFinish(pipe);
     Flush(w.get());
     scan->totals = r.totals;
     scan->complete = step == DTL_STEP_DONE && !r.unfinished;

@@ -10,6 +10,7 @@
 #include <cstring>
 #include <unordered_map>
 
+#include "reader/dtlpipe.h"
 #include "reader/textout.h"
 
 namespace {
@@ -23,36 +24,70 @@ struct ExtensionSlot {
     Tally tally;
 };
 
+// A regular file's extension waiting to be counted.
+struct PendingExtension {
+    uint64_t key[2];
+    uint32_t length;
+    uint64_t bytes;
+};
+
+constexpr size_t EXTENSION_BATCH = 32;
+
 struct ExtensionTable {
     std::vector<ExtensionSlot> slots = std::vector<ExtensionSlot>(1024);
     size_t used = 0;
+    PendingExtension pending[EXTENSION_BATCH];
+    size_t pendingCount = 0;
 };
 
-size_t SlotOf(const std::vector<ExtensionSlot>& slots, const uint64_t key[2], uint32_t length) {
+size_t Home(size_t mask, const uint64_t key[2], uint32_t length) {
+    return ((key[0] * 0x9E3779B97F4A7C15ull) ^ (key[1] * 0xC2B2AE3D27D4EB4Full) ^ length) >> 17 & mask;
+}
+
+size_t Probe(const std::vector<ExtensionSlot>& slots, size_t i, const uint64_t key[2], uint32_t length) {
     size_t mask = slots.size() - 1;
-    size_t i = ((key[0] * 0x9E3779B97F4A7C15ull) ^ (key[1] * 0xC2B2AE3D27D4EB4Full) ^ length) >> 17 & mask;
     while (slots[i].used && (slots[i].key[0] != key[0] || slots[i].key[1] != key[1] || slots[i].length != length))
         i = (i + 1) & mask;
     return i;
 }
 
-Tally* ExtensionTally(ExtensionTable* t, std::string_view ext) {
-    uint64_t key[2] = {0, 0};
-    if (!ext.empty()) memcpy(key, ext.data(), ext.size());
-    uint32_t length = static_cast<uint32_t>(ext.size());
-    size_t i = SlotOf(t->slots, key, length);
-    if (t->slots[i].used) return &t->slots[i].tally;
-    if (2 * (t->used + 1) > t->slots.size()) {
+// Counts the waiting extensions. A tree may hold a hundred thousand of
+// them, and then nearly every lookup misses the processor's caches: all the
+// batch's slots are fetched before any is read, so the misses overlap.
+void FlushExtensions(ExtensionTable* t) {
+    while (2 * (t->used + t->pendingCount) > t->slots.size()) {
         std::vector<ExtensionSlot> bigger(2 * t->slots.size());
         for (const ExtensionSlot& old : t->slots)
-            if (old.used) bigger[SlotOf(bigger, old.key, old.length)] = old;
+            if (old.used) bigger[Probe(bigger, Home(bigger.size() - 1, old.key, old.length), old.key, old.length)] = old;
         t->slots.swap(bigger);
-        i = SlotOf(t->slots, key, length);
     }
-    t->used++;
-    ExtensionSlot& slot = t->slots[i];
-    slot = {{key[0], key[1]}, length, true, {}};
-    return &slot.tally;
+    size_t mask = t->slots.size() - 1;
+    size_t home[EXTENSION_BATCH];
+    for (size_t i = 0; i < t->pendingCount; i++) {
+        home[i] = Home(mask, t->pending[i].key, t->pending[i].length);
+        __builtin_prefetch(&t->slots[home[i]]);
+    }
+    for (size_t i = 0; i < t->pendingCount; i++) {
+        const PendingExtension& p = t->pending[i];
+        ExtensionSlot& slot = t->slots[Probe(t->slots, home[i], p.key, p.length)];
+        if (!slot.used) {
+            slot = {{p.key[0], p.key[1]}, p.length, true, {}};
+            t->used++;
+        }
+        slot.tally.entries++;
+        slot.tally.files++;
+        slot.tally.bytes += p.bytes;
+    }
+    t->pendingCount = 0;
+}
+
+void AddExtension(ExtensionTable* t, std::string_view ext, uint64_t bytes) {
+    PendingExtension& p = t->pending[t->pendingCount];
+    p.key[0] = p.key[1] = 0;
+    if (!ext.empty()) memcpy(p.key, ext.data(), ext.size());
+    p.length = static_cast<uint32_t>(ext.size());
+    p.bytes = bytes;
+    if (++t->pendingCount == EXTENSION_BATCH) FlushExtensions(t);
 }
 
 using IdMap = std::unordered_map<uint32_t, Tally>;
@@ -99,7 +134,7 @@ void EnterDirectory(Gather* g, const DtlRecord& rec) {
     uint32_t depth = rec.depth - 1;  // the reader counts the root as 1
     g->open.resize(depth);
     DirRow& row = dirs.emplace_back();
-    row.path = rec.name;
+    if (depth) row.name = rec.name.substr(rec.name.rfind('/') + 1);
     row.depth = depth;
     row.parent = depth ? g->open[depth - 1] : 0;
     g->open.push_back(static_cast<uint32_t>(dirs.size() - 1));
@@ -117,8 +152,8 @@ void CountEntry(Gather* g, const DtlRecord& rec) {
         DirRow& row = g->scan.dirs[g->open[rec.depth - 1]];
         Add(&row.own, !dir, bytes);
         if (!dir && Age(g->runTime, touched) >= o.coldAge) {
-            row.ownColdFiles++;
-            row.ownColdBytes += bytes;
+            row.coldFiles++;  // its own until FinishDirs adds its subdirectories'
+            row.coldBytes += bytes;
         }
     }
     if (o.owners) {
@@ -134,7 +169,7 @@ void CountEntry(Gather* g, const DtlRecord& rec) {
         Add(&g->scan.kinds[KindOf(fx.mode)], !dir, bytes);
         if (S_ISREG(fx.mode)) {
             char buffer[16];
-            Add(ExtensionTally(&g->extensions, ExtensionOf(rec.name, buffer)), true, bytes);
+            AddExtension(&g->extensions, ExtensionOf(rec.name, buffer), bytes);
         }
     }
 }
@@ -164,11 +199,7 @@ std::vector<OwnerRow> OwnerRows(const IdMap& map, bool users, bool names) {
 // What the pass counted per directory becomes what lies below each one:
 // children follow their parents, so one backward sweep adds them up.
 void FinishDirs(std::vector<DirRow>* dirs) {
-    for (DirRow& row : *dirs) {
-        row.total = row.own;
-        row.coldFiles = row.ownColdFiles;
-        row.coldBytes = row.ownColdBytes;
-    }
+    for (DirRow& row : *dirs) row.total = row.own;
     for (size_t i = dirs->size(); i-- > 1;) {
         const DirRow& child = (*dirs)[i];
         DirRow& parent = (*dirs)[child.parent];
@@ -187,11 +218,28 @@ void Finish(Gather* g) {
         s.users = OwnerRows(g->users, true, g->options.ownerNames);
         s.groups = OwnerRows(g->groups, false, g->options.ownerNames);
     }
-    for (const ExtensionSlot& slot : g->extensions.slots)
-        if (slot.used) s.extensions.push_back({std::string(reinterpret_cast<const char*>(slot.key), slot.length), slot.tally});
-    std::sort(s.extensions.begin(), s.extensions.end(), [](const ExtensionRow& a, const ExtensionRow& b) {
-        return a.tally.bytes != b.tally.bytes ? a.tally.bytes > b.tally.bytes : a.extension < b.extension;
+    // Sorted as small keys that hold everything the order needs (the name's
+    // bytes big-endian compare as the text does), the rows made once in order.
+    FlushExtensions(&g->extensions);
+    struct Order {
+        uint64_t bytes, name0, name1;
+        uint32_t length, slot;
+    };
+    std::vector<Order> order;
+    const std::vector<ExtensionSlot>& slots = g->extensions.slots;
+    for (uint32_t i = 0; i < slots.size(); i++)
+        if (slots[i].used)
+            order.push_back({slots[i].tally.bytes, __builtin_bswap64(slots[i].key[0]),
+                             __builtin_bswap64(slots[i].key[1]), slots[i].length, i});
+    std::sort(order.begin(), order.end(), [](const Order& a, const Order& b) {
+        if (a.bytes != b.bytes) return a.bytes > b.bytes;
+        if (a.name0 != b.name0) return a.name0 < b.name0;
+        return a.name1 != b.name1 ? a.name1 < b.name1 : a.length < b.length;
     });
+    s.extensions.reserve(order.size());
+    for (const Order& o : order)
+        s.extensions.push_back({std::string(reinterpret_cast<const char*>(slots[o.slot].key), o.length),
+                                slots[o.slot].tally});
 }
 
 void StartAges(const ReportOptions& o, std::vector<AgeRow>* ages) {
@@ -231,14 +279,18 @@ bool ReadReport(const char* path, const ReportOptions& options, ReportScan* scan
     if (o.ageBounds.empty()) ParseAgeList(DEFAULT_AGE_LIST, &o.ageBounds, &o.ageNames, &error);
     if (o.ages) StartAges(o, &s.ages);
     Gather g{o, s, r.log.runTime, {}, {}, {}, 0, 0, nullptr, nullptr, {}};
-    DtlStep step;
-    while ((step = DtlNext(&r)) == DTL_STEP_RECORD || step == DTL_STEP_LINK) {
-        if (step != DTL_STEP_RECORD) continue;
-        if (r.rec.kind == DTL_REC_ENTRY)
-            CountEntry(&g, r.rec);
-        else if (r.rec.kind == DTL_REC_DIR_HEADER && options.dirs)
-            EnterDirectory(&g, r.rec);
+    // The header's count, when it has one, saves growing the table: the
+    // walk enters at most that many directories. A damaged file may claim
+    // any number, so a million is all it gets in advance.
+    if (o.dirs) s.dirs.reserve(std::min<uint32_t>(r.root.dirCount, 1u << 20));
+    DtlPipe* pipe = DtlPipeStart(&r);
+    while (const DtlRecord* rec = DtlPipeNext(pipe)) {
+        if (rec->kind == DTL_REC_ENTRY)
+            CountEntry(&g, *rec);
+        else if (options.dirs)
+            EnterDirectory(&g, *rec);
     }
+    DtlStep step = DtlPipeFinish(pipe);
     s.totals = r.totals;
     s.complete = step == DTL_STEP_DONE && !r.unfinished;
     if (step == DTL_STEP_FAULT) s.fault = r.fault;
@@ -307,6 +359,15 @@ std::string_view ExtensionOf(std::string_view name, char (&buffer)[16]) {
         buffer[i] = c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
     }
     return {buffer, length};
+}
+
+std::string DirPath(const std::vector<DirRow>& dirs, size_t row) {
+    if (row == 0) return "/";
+    std::vector<size_t> chain;
+    for (size_t i = row; i != 0; i = dirs[i].parent) chain.push_back(i);
+    std::string path;
+    for (size_t i = chain.size(); i-- > 0;) path.append("/").append(dirs[chain[i]].name);
+    return path;
 }
 
 std::string FullPath(std::string_view rootPath, std::string_view logical) {

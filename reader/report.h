@@ -25,18 +25,21 @@ struct Tally {
     uint64_t bytes = 0;    ///< their sizes as the totals count them
 };
 
-/// One directory the walk entered (one header record) and what lies below it.
+/// One directory the walk entered (one header record) and what lies below
+/// it. The rows form the tree: each names its parent's row; DirPath joins
+/// the names into the directory's path.
 struct DirRow {
-    std::string path;          ///< logical path below the root: "/", "/a", "/a/b"
+    std::string name;          ///< its name in its parent; "" for the root
     uint32_t parent = 0;       ///< row of the parent directory; 0 (itself) for the root
     uint32_t depth = 0;        ///< 0 for the root, 1 for its subdirectories, ...
     Tally own;                 ///< the directory's own entry records
     Tally total;               ///< every entry record below it, at any depth (own included)
-    uint64_t ownColdFiles = 0; ///< of own.files, those that are cold (see ReportOptions::coldAge)
-    uint64_t ownColdBytes = 0;
-    uint64_t coldFiles = 0;    ///< of total.files, those that are cold
+    uint64_t coldFiles = 0;    ///< of total.files, those that are cold (see ReportOptions::coldAge)
     uint64_t coldBytes = 0;
 };
+
+/// The logical path of a row: "/" for the root, "/a/b" below it.
+std::string DirPath(const std::vector<DirRow>& dirs, size_t row);
 
 /// Files (non-directory entries) whose modification or access time is
 /// between two ages, measured back from the scan's start.
@@ -141,7 +144,8 @@ struct DiffRow {
     int64_t EntryChange() const { return static_cast<int64_t>(after.entries - before.entries); }
 };
 
-/// Two scans compared directory by directory, matched by logical path.
+/// Two scans compared directory by directory, matched by logical path (a
+/// directory matches when its parent does and the names are equal).
 struct ScanDiff {
     std::vector<DiffRow> changed;   ///< in both scans, with a different size or entry count
     std::vector<DiffRow> appeared;  ///< only in the new scan, and whose parent is in the old one

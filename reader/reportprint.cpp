@@ -144,7 +144,7 @@ void PrintTop(std::string* out, const ReportScan& s, const PrintOptions& o) {
         for (size_t i = 0; i < order.size(); i++) {
             const DirRow& d = s.dirs[order[i]];
             *out += i ? ",\n  {" : "\n  {";
-            AppendJsonPath(out, s, d.path);
+            AppendJsonPath(out, s, DirPath(s.dirs, order[i]));
             AppendFormat(out, ", \"depth\": %u, ", d.depth);
             AppendJsonTally(out, d.total);
             *out += '}';
@@ -162,7 +162,7 @@ void PrintTop(std::string* out, const ReportScan& s, const PrintOptions& o) {
         const DirRow& d = s.dirs[i];
         t.rows.push_back({HumanSize(d.total.bytes), Number(d.total.bytes), Number(d.total.entries),
                           Number(d.total.files), Number(d.total.entries - d.total.files),
-                          CellPath(FullPath(s.strings.rootPath, d.path))});
+                          CellPath(FullPath(s.strings.rootPath, DirPath(s.dirs, i)))});
     }
     AppendTable(out, t);
 }

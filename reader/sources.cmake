@@ -9,6 +9,7 @@ set(FERROVAN_READER_SOURCES
   reader/diff.cpp
   reader/diffprint.cpp
   reader/dtlinput.cpp
+  reader/dtlpipe.cpp
   reader/dtlread.cpp
   reader/dump.cpp
   reader/export.cpp

@@ -204,13 +204,33 @@ static char* PutDigits(char* p, T v, int n) {
 }
 
 char* PutDecimal(char* p, uint64_t v) {
-    static const uint64_t limits[19] = {10ull, 100ull, 1000ull, 10000ull, 100000ull, 1000000ull, 10000000ull,
-                                        100000000ull, 1000000000ull, 10000000000ull, 100000000000ull,
-                                        1000000000000ull, 10000000000000ull, 100000000000000ull,
-                                        1000000000000000ull, 10000000000000000ull, 100000000000000000ull,
-                                        1000000000000000000ull, 10000000000000000000ull};
-    int n = 1;
-    while (n < 20 && v >= limits[n - 1]) n++;
+    static const uint64_t powers[20] = {1ull,
+                                        10ull,
+                                        100ull,
+                                        1000ull,
+                                        10000ull,
+                                        100000ull,
+                                        1000000ull,
+                                        10000000ull,
+                                        100000000ull,
+                                        1000000000ull,
+                                        10000000000ull,
+                                        100000000000ull,
+                                        1000000000000ull,
+                                        10000000000000ull,
+                                        100000000000000ull,
+                                        1000000000000000ull,
+                                        10000000000000000ull,
+                                        100000000000000000ull,
+                                        1000000000000000000ull,
+                                        10000000000000000000ull};
+    if (v < 10) {
+        *p = static_cast<char>('0' + v);
+        return p + 1;
+    }
+    // The number of digits from the number of bits: log10(2) is about 1233 / 4096.
+    int t = ((64 - __builtin_clzll(v)) * 1233) >> 12;
+    int n = t + 1 - (v < powers[t]);
     return v <= UINT32_MAX ? PutDigits(p, static_cast<uint32_t>(v), n) : PutDigits(p, v, n);
 }
 

@@ -141,12 +141,15 @@ TEST(Report, EveryReportAgreesWithTheTreeItsScanCameFrom) {
         // top: every directory with everything below it; the root's bytes are the total.
         std::map<std::string, Figures> dirs = DirectoryFigures(seen);
         ASSERT_EQ(scan.dirs.size(), dirs.size());
-        for (const DirRow& d : scan.dirs) {
-            SCOPED_TRACE(d.path);
-            EXPECT_EQ(Of(d.total), dirs[d.path]);
-            EXPECT_EQ(d.depth, static_cast<uint32_t>(std::count(d.path.begin() + 1, d.path.end(), '/') + (d.path != "/")));
-            std::string parent = d.path.substr(0, std::max<size_t>(d.path.rfind('/'), 1));
-            EXPECT_EQ(scan.dirs[d.parent].path, d.path == "/" ? "/" : parent);
+        for (size_t i = 0; i < scan.dirs.size(); i++) {
+            const DirRow& d = scan.dirs[i];
+            std::string path = DirPath(scan.dirs, i);
+            SCOPED_TRACE(path);
+            EXPECT_EQ(Of(d.total), dirs[path]);
+            EXPECT_EQ(d.depth, static_cast<uint32_t>(std::count(path.begin() + 1, path.end(), '/') + (path != "/")));
+            EXPECT_EQ(d.name, path.substr(path.rfind('/') + 1));
+            std::string parent = path.substr(0, std::max<size_t>(path.rfind('/'), 1));
+            EXPECT_EQ(DirPath(scan.dirs, d.parent), path == "/" ? "/" : parent);
         }
         EXPECT_EQ(scan.dirs[0].total.bytes, scan.root.totalFileSize);
 
@@ -197,9 +200,10 @@ TEST(Report, EveryReportAgreesWithTheTreeItsScanCameFrom) {
             EXPECT_EQ(Of(scan.ages[i].modified), modified[i]) << labels[i];
             EXPECT_EQ(Of(scan.ages[i].accessed), accessed[i]) << labels[i];
         }
-        for (const DirRow& d : scan.dirs) {
-            EXPECT_EQ(d.coldFiles, cold[d.path].files) << d.path;
-            EXPECT_EQ(d.coldBytes, cold[d.path].bytes) << d.path;
+        for (size_t i = 0; i < scan.dirs.size(); i++) {
+            std::string path = DirPath(scan.dirs, i);
+            EXPECT_EQ(scan.dirs[i].coldFiles, cold[path].files) << path;
+            EXPECT_EQ(scan.dirs[i].coldBytes, cold[path].bytes) << path;
         }
     }
 }

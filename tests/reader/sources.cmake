@@ -1,6 +1,7 @@
 list(APPEND FERROVAN_TEST_SOURCES
   reader/commands_test.cpp
   reader/dtldump_test.cpp
+  reader/dtlpipe_test.cpp
   reader/dtlread_test.cpp
   reader/report_test.cpp
   reader/scantree.cpp
