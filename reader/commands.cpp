@@ -210,7 +210,7 @@ int Export(const Args& a) {
     }
     if (!ok) return Refuse(scan);
     // The rows leave no room for a note: it goes beside them.
-    if (!scan.complete) fprintf(stderr, "dtldump: %s: %s", scan.path.c_str(), PartialNote(scan).c_str());
+    if (!scan.complete) fprintf(stderr, "dtldump: %s:\n%s", scan.path.c_str(), PartialNote(scan).c_str());
     return 0;
 }
 

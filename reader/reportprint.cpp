@@ -48,17 +48,14 @@ void AppendTable(std::string* out, const TextTable& t) {
 
 std::string PartialNote(const ReportScan& s) {
     if (s.complete) return "";
-    std::string note;
-    std::string entries = Number(s.totals.entries) + " entry records";
-    if (s.unfinished) {
-        note = "PARTIAL: the scan that wrote this file did not complete (magic \"IDTL\"); the figures cover only the " +
-               entries + " it holds";
-        if (!s.fault.message.empty())
-            note += Cat(", up to offset ", Number(s.fault.offset), " where reading stopped: ", s.fault.message);
-    } else {
-        note = Cat("PARTIAL: the file is damaged or cut short at offset ", Number(s.fault.offset), " (",
-                   s.fault.message, "); the figures cover only the ", entries, " before it");
-    }
+    std::string entries = Cat("PARTIAL: the figures cover only the ", Number(s.totals.entries), " entry records");
+    if (!s.unfinished)
+        return Cat("PARTIAL: the file is damaged or cut short at offset ", Number(s.fault.offset), ": ",
+                   s.fault.message, "\n", entries, " before it\n");
+    std::string note = Cat("PARTIAL: the scan that wrote this file did not complete (magic \"IDTL\")\n", entries,
+                           " it holds");
+    if (!s.fault.message.empty())
+        note += Cat("; reading stopped at offset ", Number(s.fault.offset), ": ", s.fault.message);
     return note + "\n";
 }
 
