@@ -34,17 +34,8 @@ std::string Share(uint64_t part, uint64_t whole) {
 }  // namespace
 
 void PrintAges(std::string* out, const ReportScan& s, const PrintOptions& o) {
-    // The coldest directories: most bytes in files untouched for coldAge.
-    PrintOptions cold = o;
-    auto key = [](const DirRow& d) { return d.coldBytes; };
-    std::vector<size_t> order;
-    for (size_t i = 0; i < s.dirs.size(); i++)
-        if ((o.depth < 0 || s.dirs[i].depth <= o.depth) && key(s.dirs[i]) > 0) order.push_back(i);
-    size_t keep = std::min(order.size(), cold.rows);
-    std::partial_sort(order.begin(), order.begin() + keep, order.end(), [&](size_t a, size_t b) {
-        return key(s.dirs[a]) != key(s.dirs[b]) ? key(s.dirs[a]) > key(s.dirs[b]) : a < b;
-    });
-    order.resize(keep);
+    // The coldest directories: most bytes in files untouched for the cold age.
+    std::vector<size_t> order = RankedDirs(s.dirs, o, [](const DirRow& d) { return d.coldBytes; });
     if (o.json) {
         *out += "{\"command\": \"age\", ";
         AppendJsonHead(out, s);

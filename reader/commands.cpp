@@ -68,7 +68,6 @@ struct Args {
     bool partial = false, force = false, help = false;
     ExportFormat format = EXPORT_CSV;
     PrintOptions print;
-    int64_t coldAge = 0;
     ReportOptions report;
 };
 
@@ -175,7 +174,6 @@ int ParseArgs(int argc, char** argv, Args* a) {
         return Usage("--cold: %s", error.empty() ? "one age, such as 1y" : error.c_str());
     a->report.coldAge = bounds[0];
     a->print.coldName = cold;
-    a->print.ageList = buckets;
     if (a->print.json && a->command->options & OPT_FORMAT) a->format = EXPORT_NDJSON;
     return 0;
 }

@@ -109,9 +109,8 @@ static void AppendJsonPath(std::string* out, const ReportScan& s, std::string_vi
     AppendJsonMember(out, "logicalPath", logical);
 }
 
-// Rows of dirs no deeper than the options allow, largest first by `key`.
-template <typename Key>
-static std::vector<size_t> Ranked(const std::vector<DirRow>& dirs, const PrintOptions& o, Key key) {
+std::vector<size_t> RankedDirs(const std::vector<DirRow>& dirs, const PrintOptions& o,
+                               uint64_t (*key)(const DirRow&)) {
     std::vector<size_t> order;
     for (size_t i = 0; i < dirs.size(); i++)
         if ((o.depth < 0 || dirs[i].depth <= o.depth) && key(dirs[i]) > 0) order.push_back(i);
@@ -127,8 +126,9 @@ static std::vector<size_t> Ranked(const std::vector<DirRow>& dirs, const PrintOp
 // ---- top -----------------------------------------------------------------
 
 void PrintTop(std::string* out, const ReportScan& s, const PrintOptions& o) {
-    auto key = [&](const DirRow& d) { return o.byEntries ? d.total.entries : d.total.bytes; };
-    std::vector<size_t> order = Ranked(s.dirs, o, key);
+    auto bytes = [](const DirRow& d) { return d.total.bytes; };
+    auto entries = [](const DirRow& d) { return d.total.entries; };
+    std::vector<size_t> order = o.byEntries ? RankedDirs(s.dirs, o, entries) : RankedDirs(s.dirs, o, bytes);
     // The root leads even when it holds nothing, so that the table is never empty.
     if (order.empty() && !s.dirs.empty()) order.push_back(0);
     if (o.json) {

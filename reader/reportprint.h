@@ -14,7 +14,6 @@ struct PrintOptions {
     size_t rows = 20;          ///< -n: rows of each ranked table
     int64_t depth = -1;        ///< --depth: only directories this deep or less (the root is 0); -1: any
     bool byEntries = false;    ///< --by entries: rank directories by entry count instead of size
-    std::string ageList;       ///< --buckets as given ("" for the default)
     std::string coldName;      ///< --cold as given
 };
 
@@ -53,6 +52,10 @@ void AppendTable(std::string* out, const TextTable& table);
 void AppendTextHead(std::string* out, const ReportScan& scan, const char* label);
 /// The head members of a JSON report, without the braces around them.
 void AppendJsonHead(std::string* out, const ReportScan& scan);
+/// The rows of dirs no deeper than the options allow whose key is above 0,
+/// largest key first (walk order among equals), at most options.rows.
+std::vector<size_t> RankedDirs(const std::vector<DirRow>& dirs, const PrintOptions& options,
+                               uint64_t (*key)(const DirRow&));
 /// A path for a table cell: escaped as text output escapes names.
 std::string CellPath(std::string_view path);
 std::string Number(uint64_t v);
