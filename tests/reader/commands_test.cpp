@@ -8,7 +8,6 @@
 #include <algorithm>
 #include <climits>
 #include <ctime>
-#include <regex>
 #include <set>
 #include <sstream>
 
@@ -31,8 +30,12 @@ RunResult Dtldump(const std::vector<std::string>& args, const std::string& cwd =
 std::set<std::string> Rows(const std::string& text) {
     std::set<std::string> rows;
     std::istringstream in(text);
-    for (std::string line; std::getline(in, line);)
-        rows.insert(std::regex_replace(std::regex_replace(line, std::regex(" +"), " "), std::regex("^ | $"), ""));
+    for (std::string line; std::getline(in, line);) {
+        std::istringstream words(line);
+        std::string row;
+        for (std::string word; words >> word;) row += (row.empty() ? "" : " ") + word;
+        rows.insert(row);
+    }
     return rows;
 }
 

@@ -187,7 +187,8 @@ std::string Unfinished(const FakeFile& f) {
     PutLe(b, 88, 0, 8);
     PutLe(b, 88 + 16, 0, 8);
     for (int field = 48; field < 68; field += 4) PutLe(b, 88 + field, 0, 4);
-    PutLe(b, f.recordPos.at("dir:/") + 24, 0, 16);
+    PutLe(b, f.recordPos.at("dir:/") + 24, 0, 8);  // file and subdirectory counts
+    PutLe(b, f.recordPos.at("dir:/") + 32, 0, 8);  // bytes
     return b;
 }
 
