@@ -40,7 +40,7 @@ while [ $# -gt 0 ]; do
   esac
 done
 
-scripts/setup.sh time python3
+scripts/setup.sh python3
 cmake --preset release >/dev/null
 cmake --build --preset release >/dev/null
 mkdir -p "$work"
@@ -71,11 +71,22 @@ echo "machine: $(nproc) cores, $(grep -m1 'model name' /proc/cpuinfo | cut -d: -
   "$(free -g | awk '/Mem:/ {print $2}') GiB, Linux $(uname -r)"
 
 # One timed run: appends "command seconds user system maxKiB" to $results.
+# Python's clock and wait4 give milliseconds where time(1) gives hundredths,
+# and a report of a million entries takes a few of those.
 timed() {
   local name=$1; shift
-  /usr/bin/time -f "%e %U %S %M" -o "$out/time.txt" "$@" >/dev/null 2>"$out/stderr.txt" || {
-    echo "bench/reports.sh: $name failed:" >&2; cat "$out/stderr.txt" >&2; exit 1; }
-  echo "$name $(cat "$out/time.txt")" >>"$results"
+  python3 - "$name" "$results" "$out/stderr.txt" "$@" <<'EOF' || exit 1
+import os, subprocess, sys, time
+name, results, errors, argv = sys.argv[1], sys.argv[2], sys.argv[3], sys.argv[4:]
+start = time.perf_counter()
+child = subprocess.Popen(argv, stdout=subprocess.DEVNULL, stderr=open(errors, "w"))
+_, status, usage = os.wait4(child.pid, 0)
+wall = time.perf_counter() - start
+if status != 0:
+    sys.exit(f"bench/reports.sh: {name} failed:\n" + open(errors).read())
+with open(results, "a") as f:
+    f.write(f"{name} {wall:.4f} {usage.ru_utime:.4f} {usage.ru_stime:.4f} {usage.ru_maxrss}\n")
+EOF
 }
 
 for f in "${files[@]}"; do
@@ -108,7 +119,7 @@ print(f"\n{name}: {int(size) / 1e6:.1f} MB, {int(entries):,} entry records, CSV 
 print(f"{'command':22} {'wall s':>7} {'ratio':>6} {'user s':>7} {'sys s':>6} {'cpu ratio':>9} {'peak MiB':>9}")
 for tool in runs:
     files = 2 if tool == "diff" else 1  # against the summaries of the files it reads
-    print(f"{tool:22} {med(tool, 0):7.3f} {med(tool, 0) / (files * wall):6.2f} {med(tool, 1):7.2f} {med(tool, 2):6.2f}"
+    print(f"{tool:22} {med(tool, 0):7.3f} {med(tool, 0) / (files * wall):6.2f} {med(tool, 1):7.3f} {med(tool, 2):6.3f}"
           f" {(med(tool, 1) + med(tool, 2)) / (files * cpu):9.2f} {max(r[3] for r in runs[tool]) / 1024:9.1f}")
 EOF
 done

@@ -153,6 +153,27 @@ char* PutHex(char* p, std::string_view bytes) {
     return p;
 }
 
+// The text of columns whose values often repeat from row to row (owner and
+// group; a time, when files were made together), kept with their values.
+struct Repeat {
+    bool valid = false;
+    uint64_t key = 0;
+    size_t length = 0;
+    char text[64];
+};
+
+// Copies the kept text when the key is the last one's, else formats it anew.
+template <typename Format>
+char* Repeated(char* p, Repeat* r, uint64_t key, Format format) {
+    if (!r->valid || r->key != key) {
+        r->length = static_cast<size_t>(format(r->text) - r->text);
+        r->key = key;
+        r->valid = true;
+    }
+    memcpy(p, r->text, r->length);
+    return p + r->length;
+}
+
 struct Writer {
     ExportSink* sink;
     std::unique_ptr<char[]> buf;  // rows not yet handed to the sink
@@ -162,6 +183,7 @@ struct Writer {
     std::string prefixRaw;  // its bytes, for a path that is not UTF-8
     Escaped scratch;        // a name or target that is not plain, escaped
     DateCache dates;
+    Repeat owner, times[3];
 };
 
 void Flush(Writer* w) {
@@ -259,8 +281,10 @@ void PutEntry(Writer* w, const DtlRecord& rec) {
     p = Put(p, KindName(fx.mode));
     if (!csv) *p++ = '"';
     p = End<csv>(p);
-    p = End<csv>(PutDecimal(Key<csv>(p, ",\"uid\":"), fx.uid));
-    p = End<csv>(PutDecimal(Key<csv>(p, ",\"gid\":"), fx.gid));
+    p = Repeated(p, &w->owner, uint64_t{fx.uid} << 32 | fx.gid, [&](char* q) {
+        q = End<csv>(PutDecimal(Key<csv>(q, ",\"uid\":"), fx.uid));
+        return End<csv>(PutDecimal(Key<csv>(q, ",\"gid\":"), fx.gid));
+    });
     p = Key<csv>(p, ",\"mode\":\"");
     for (int shift = 9; shift >= 0; shift -= 3) *p++ = static_cast<char>('0' + (fx.mode >> shift & 7));
     if (!csv) *p++ = '"';
@@ -271,18 +295,21 @@ void PutEntry(Writer* w, const DtlRecord& rec) {
     p = Key<csv>(p, ",\"counted\":");
     p = rec.counted ? Lit(p, "true") : Lit(p, "false");
     p = End<csv>(p);
-    p = Key<csv>(p, ",\"mtime\":\"");
-    p = PutTime(p, fx.mtime, &w->dates);
-    if (!csv) *p++ = '"';
-    p = End<csv>(PutDecimal(Key<csv>(End<csv>(p), ",\"mtimeSec\":"), fx.mtime));
-    p = Key<csv>(p, ",\"atime\":\"");
-    p = PutTime(p, fx.atime, &w->dates);
-    if (!csv) *p++ = '"';
-    p = End<csv>(PutDecimal(Key<csv>(End<csv>(p), ",\"atimeSec\":"), fx.atime));
-    p = Key<csv>(p, ",\"ctime\":\"");
-    p = PutTime(p, fx.ctime, &w->dates);
-    if (!csv) *p++ = '"';
-    p = End<csv>(PutDecimal(Key<csv>(End<csv>(p), ",\"ctimeSec\":"), fx.ctime));
+    p = Repeated(p, &w->times[0], fx.mtime, [&](char* q) {
+        q = PutTime(Key<csv>(q, ",\"mtime\":\""), fx.mtime, &w->dates);
+        if (!csv) *q++ = '"';
+        return End<csv>(PutDecimal(Key<csv>(End<csv>(q), ",\"mtimeSec\":"), fx.mtime));
+    });
+    p = Repeated(p, &w->times[1], fx.atime, [&](char* q) {
+        q = PutTime(Key<csv>(q, ",\"atime\":\""), fx.atime, &w->dates);
+        if (!csv) *q++ = '"';
+        return End<csv>(PutDecimal(Key<csv>(End<csv>(q), ",\"atimeSec\":"), fx.atime));
+    });
+    p = Repeated(p, &w->times[2], fx.ctime, [&](char* q) {
+        q = PutTime(Key<csv>(q, ",\"ctime\":\""), fx.ctime, &w->dates);
+        if (!csv) *q++ = '"';
+        return End<csv>(PutDecimal(Key<csv>(End<csv>(q), ",\"ctimeSec\":"), fx.ctime));
+    });
     // CSV: "target,targetHex", both empty unless a symbolic link.
     if (fx.entryFlags & DTL_SYMLINK) {
         if (!csv) *p++ = ',';
