@@ -55,17 +55,18 @@ void PrintAges(std::string* out, const ReportScan& s, const PrintOptions& o) {
             AppendJsonMember(out, "path", FullPath(s.strings.rootPath, logical));
             *out += ", ";
             AppendJsonMember(out, "logicalPath", logical);
-            AppendFormat(out, ", \"depth\": %u, \"coldFiles\": %llu, \"coldBytes\": %llu, \"files\": %llu, \"bytes\": %llu}",
-                         d.depth, static_cast<unsigned long long>(d.coldFiles),
-                         static_cast<unsigned long long>(d.coldBytes), static_cast<unsigned long long>(d.total.files),
-                         static_cast<unsigned long long>(d.total.bytes));
+            AppendFormat(
+                out, ", \"depth\": %u, \"coldFiles\": %llu, \"coldBytes\": %llu, \"files\": %llu, \"bytes\": %llu}",
+                d.depth, static_cast<unsigned long long>(d.coldFiles), static_cast<unsigned long long>(d.coldBytes),
+                static_cast<unsigned long long>(d.total.files), static_cast<unsigned long long>(d.total.bytes));
         }
         *out += "\n]}\n";
         return;
     }
     AppendTextHead(out, s, "Detail file");
-    *out += "\nFiles (entries that are not directories) by age, measured back from the start of the scan\n"
-            "(each hard-linked inode's size counts once)\n\n";
+    *out +=
+        "\nFiles (entries that are not directories) by age, measured back from the start of the scan\n"
+        "(each hard-linked inode's size counts once)\n\n";
     TextTable t{{"AGE", "MODIFIED", "SIZE", "BYTES", "ACCESSED", "SIZE", "BYTES"},
                 {false, true, true, true, true, true, true},
                 {}};
@@ -81,7 +82,8 @@ void PrintAges(std::string* out, const ReportScan& s, const PrintOptions& o) {
     for (size_t i : order) {
         const DirRow& d = s.dirs[i];
         c.rows.push_back({HumanSize(d.coldBytes), Number(d.coldBytes), Number(d.coldFiles),
-                          Share(d.coldBytes, d.total.bytes), CellPath(FullPath(s.strings.rootPath, DirPath(s.dirs, i)))});
+                          Share(d.coldBytes, d.total.bytes),
+                          CellPath(FullPath(s.strings.rootPath, DirPath(s.dirs, i)))});
     }
     if (order.empty())
         *out += "  (none)\n";
@@ -98,7 +100,8 @@ void PrintTypes(std::string* out, const ReportScan& s, const PrintOptions& o) {
     }
     // Kinds, largest first.
     size_t kinds[KIND_COUNT] = {KIND_FILE, KIND_DIR, KIND_SYMLINK, KIND_OTHER};
-    std::stable_sort(kinds, kinds + KIND_COUNT, [&](size_t a, size_t b) { return s.kinds[a].bytes > s.kinds[b].bytes; });
+    std::stable_sort(kinds, kinds + KIND_COUNT,
+                     [&](size_t a, size_t b) { return s.kinds[a].bytes > s.kinds[b].bytes; });
     if (o.json) {
         *out += "{\"command\": \"types\", ";
         AppendJsonHead(out, s);
@@ -128,8 +131,8 @@ void PrintTypes(std::string* out, const ReportScan& s, const PrintOptions& o) {
     *out += "\nEntries by kind (each hard-linked inode's size counts once)\n\n";
     TextTable k{{"KIND", "ENTRIES", "SIZE", "BYTES"}, {false, true, true, true}, {}};
     for (size_t i : kinds)
-        k.rows.push_back({KIND_NAMES[i], Number(s.kinds[i].entries), HumanSize(s.kinds[i].bytes),
-                          Number(s.kinds[i].bytes)});
+        k.rows.push_back(
+            {KIND_NAMES[i], Number(s.kinds[i].entries), HumanSize(s.kinds[i].bytes), Number(s.kinds[i].bytes)});
     AppendTable(out, k);
     *out += "\nRegular files by name extension, largest first (the text after the last dot, in lower case)\n\n";
     TextTable e{{"EXTENSION", "FILES", "SIZE", "BYTES", "OF SIZE"}, {false, true, true, true, true}, {}};

@@ -117,10 +117,12 @@ int ParseArgs(int argc, char** argv, Args* a) {
             unsigned option;  // 0: every command takes it
             bool takesValue;
         } const known[] = {
-            {"--json", 0, false},       {"--partial", 0, false},     {"--help", 0, false},
-            {"-h", 0, false},           {"-n", OPT_ROWS, true},      {"--depth", OPT_DEPTH, true},
-            {"--by", OPT_BY, true},     {"--buckets", OPT_BUCKETS, true}, {"--cold", OPT_COLD, true},
-            {"--format", OPT_FORMAT, true}, {"--force", OPT_FORCE, false},
+            {"--json", 0, false},          {"--partial", 0, false},
+            {"--help", 0, false},          {"-h", 0, false},
+            {"-n", OPT_ROWS, true},        {"--depth", OPT_DEPTH, true},
+            {"--by", OPT_BY, true},        {"--buckets", OPT_BUCKETS, true},
+            {"--cold", OPT_COLD, true},    {"--format", OPT_FORMAT, true},
+            {"--force", OPT_FORCE, false},
         };
         const Known* k = nullptr;
         for (const Known& x : known)
@@ -150,10 +152,12 @@ int ParseArgs(int argc, char** argv, Args* a) {
             else
                 a->print.depth = count;
         } else if (name == "--by") {
-            if (value != "size" && value != "entries") return Usage("--by takes size or entries, not '%s'", value.c_str());
+            if (value != "size" && value != "entries")
+                return Usage("--by takes size or entries, not '%s'", value.c_str());
             a->print.byEntries = value == "entries";
         } else if (name == "--format") {
-            if (value != "csv" && value != "ndjson") return Usage("--format takes csv or ndjson, not '%s'", value.c_str());
+            if (value != "csv" && value != "ndjson")
+                return Usage("--format takes csv or ndjson, not '%s'", value.c_str());
             a->format = value == "csv" ? EXPORT_CSV : EXPORT_NDJSON;
         } else if (name == "--buckets") {
             buckets = value;

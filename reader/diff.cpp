@@ -53,7 +53,8 @@ ScanDiff DiffScans(const ReportScan& before, const ReportScan& after) {
     // scan is matched after its parent: by the parent's match and its name.
     std::unordered_map<Place, uint32_t, PlaceHash> oldPlaces;
     oldPlaces.reserve(before.dirs.size());
-    for (uint32_t i = 1; i < before.dirs.size(); i++) oldPlaces.emplace(Place{before.dirs[i].parent, before.dirs[i].name}, i);
+    for (uint32_t i = 1; i < before.dirs.size(); i++)
+        oldPlaces.emplace(Place{before.dirs[i].parent, before.dirs[i].name}, i);
     std::vector<int64_t> oldMatch(before.dirs.size(), -1), newMatch(after.dirs.size(), -1);
     for (size_t i = 0; i < after.dirs.size(); i++) {
         const DirRow& now = after.dirs[i];

@@ -105,10 +105,10 @@ void PrintDiff(std::string* out, const ReportScan& before, const ReportScan& aft
             AppendFormat(out, "%s\"%s\": {\"before\": %llu, \"after\": %llu}", i ? ", " : "", TOTALS[i].key,
                          static_cast<unsigned long long>(before.totals.*TOTALS[i].field),
                          static_cast<unsigned long long>(after.totals.*TOTALS[i].field));
-        AppendFormat(out, "}, \"unchangedDirs\": %llu, \"changedDirs\": %zu, \"appearedDirs\": %llu, \"vanishedDirs\": %llu",
-                     static_cast<unsigned long long>(diff.unchanged), diff.changed.size(),
-                     static_cast<unsigned long long>(diff.appearedDirs),
-                     static_cast<unsigned long long>(diff.vanishedDirs));
+        AppendFormat(
+            out, "}, \"unchangedDirs\": %llu, \"changedDirs\": %zu, \"appearedDirs\": %llu, \"vanishedDirs\": %llu",
+            static_cast<unsigned long long>(diff.unchanged), diff.changed.size(),
+            static_cast<unsigned long long>(diff.appearedDirs), static_cast<unsigned long long>(diff.vanishedDirs));
         JsonRows(out, "grew", grown, before, after);
         JsonRows(out, "shrank", shrunk, before, after);
         JsonRows(out, "appeared", appeared, before, after);
@@ -131,11 +131,13 @@ void PrintDiff(std::string* out, const ReportScan& before, const ReportScan& aft
     AppendTable(out, t);
     AppendFormat(out, "\nDirectories: %llu unchanged, %zu changed, %llu appeared, %llu vanished\n",
                  static_cast<unsigned long long>(diff.unchanged), diff.changed.size(),
-                 static_cast<unsigned long long>(diff.appearedDirs), static_cast<unsigned long long>(diff.vanishedDirs));
+                 static_cast<unsigned long long>(diff.appearedDirs),
+                 static_cast<unsigned long long>(diff.vanishedDirs));
     *out += "(a directory's figures are those of every entry below it, at any depth)\n";
     std::string by = o.byEntries ? "entry count" : "size";
     TextRows(out, "Grew most, by " + by, grown, before, after);
     TextRows(out, "Shrank most, by " + by, shrunk, before, after);
-    TextRows(out, "Appeared (the topmost of each new subtree; ENTRIES is everything below it)", appeared, before, after);
+    TextRows(out, "Appeared (the topmost of each new subtree; ENTRIES is everything below it)", appeared, before,
+             after);
     TextRows(out, "Vanished (the topmost of each removed subtree)", vanished, before, after);
 }

@@ -20,10 +20,10 @@ struct DtlInflater;
 /// An open input. Plain data; DtlInputOpen fills it.
 struct DtlInput {
     int fd = -1;
-    bool compressed = false;        ///< the file starts with 0x78 0x01 and is inflated
-    uint8_t pending[2] = {};        ///< the first bytes of a plain file, read to tell the kinds apart
+    bool compressed = false;  ///< the file starts with 0x78 0x01 and is inflated
+    uint8_t pending[2] = {};  ///< the first bytes of a plain file, read to tell the kinds apart
     size_t pendingLen = 0;
-    uint64_t compressedRead = 0;    ///< bytes of the compressed file read so far
+    uint64_t compressedRead = 0;      ///< bytes of the compressed file read so far
     DtlInflater* inflater = nullptr;  ///< the stream and its input buffer; only when compressed
 };
 

@@ -21,9 +21,9 @@ enum ExportFormat { EXPORT_CSV, EXPORT_NDJSON };
 
 /// Where the rows go and how it went.
 struct ExportSink {
-    int fd = -1;            ///< written with write(); -1 keeps everything in `text`
-    std::string text;       ///< with fd -1: every byte written
-    int writeError = 0;     ///< errno of the first failed write; nothing is written after it
+    int fd = -1;         ///< written with write(); -1 keeps everything in `text`
+    std::string text;    ///< with fd -1: every byte written
+    int writeError = 0;  ///< errno of the first failed write; nothing is written after it
 };
 
 /// Writes the rows of the detail file at path to sink (the CSV header row

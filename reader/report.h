@@ -29,12 +29,12 @@ struct Tally {
 /// it. The rows form the tree: each names its parent's row; DirPath joins
 /// the names into the directory's path.
 struct DirRow {
-    std::string name;          ///< its name in its parent; "" for the root
-    uint32_t parent = 0;       ///< row of the parent directory; 0 (itself) for the root
-    uint32_t depth = 0;        ///< 0 for the root, 1 for its subdirectories, ...
-    Tally own;                 ///< the directory's own entry records
-    Tally total;               ///< every entry record below it, at any depth (own included)
-    uint64_t coldFiles = 0;    ///< of total.files, those that are cold (see ReportOptions::coldAge)
+    std::string name;        ///< its name in its parent; "" for the root
+    uint32_t parent = 0;     ///< row of the parent directory; 0 (itself) for the root
+    uint32_t depth = 0;      ///< 0 for the root, 1 for its subdirectories, ...
+    Tally own;               ///< the directory's own entry records
+    Tally total;             ///< every entry record below it, at any depth (own included)
+    uint64_t coldFiles = 0;  ///< of total.files, those that are cold (see ReportOptions::coldAge)
     uint64_t coldBytes = 0;
 };
 
@@ -44,11 +44,11 @@ std::string DirPath(const std::vector<DirRow>& dirs, size_t row);
 /// Files (non-directory entries) whose modification or access time is
 /// between two ages, measured back from the scan's start.
 struct AgeRow {
-    int64_t from = 0;        ///< seconds, inclusive
-    int64_t to = -1;         ///< seconds, exclusive; -1: no upper bound
-    std::string label;       ///< "< 1m", "1m - 6m", ">= 3y"
-    Tally modified;          ///< by modification time
-    Tally accessed;          ///< by access time
+    int64_t from = 0;   ///< seconds, inclusive
+    int64_t to = -1;    ///< seconds, exclusive; -1: no upper bound
+    std::string label;  ///< "< 1m", "1m - 6m", ">= 3y"
+    Tally modified;     ///< by modification time
+    Tally accessed;     ///< by access time
 };
 
 /// One user or group.
@@ -88,17 +88,17 @@ struct ReportOptions {
 
 /// A detail file's figures.
 struct ReportScan {
-    std::string path;         ///< the detail file as named
-    bool opened = false;      ///< it could be opened (a fault then has an offset)
+    std::string path;     ///< the detail file as named
+    bool opened = false;  ///< it could be opened (a fault then has an offset)
     bool compressed = false;
     bool unfinished = false;  ///< "IDTL": the scan that wrote it did not complete
     bool complete = false;    ///< every record was read and the whole file is sound
     DtlFault fault;           ///< the fault that ended the reading, when there was one
     DtlLogHeader log{};
-    DtlRootHeader root{};     ///< as the file holds it (all zero in an unfinished file)
+    DtlRootHeader root{};  ///< as the file holds it (all zero in an unfinished file)
     DtlStrings strings;
-    DtlTotals totals;         ///< what the records read add up to
-    std::vector<DirRow> dirs;  ///< in walk order: each directory after its parent
+    DtlTotals totals;                     ///< what the records read add up to
+    std::vector<DirRow> dirs;             ///< in walk order: each directory after its parent
     std::vector<OwnerRow> users, groups;  ///< largest bytes first
     std::vector<AgeRow> ages;
     std::array<Tally, KIND_COUNT> kinds{};
@@ -135,11 +135,11 @@ std::string FullPath(std::string_view rootPath, std::string_view logical);
 
 /// One directory in the comparison of two scans.
 struct DiffRow {
-    std::string path;          ///< logical path below the root
+    std::string path;  ///< logical path below the root
     uint32_t depth = 0;
     bool inOld = false, inNew = false;
-    Tally before, after;       ///< the directories' total figures; zero where absent
-    uint64_t dirsInside = 0;   ///< appeared or vanished: directories below it that did too
+    Tally before, after;      ///< the directories' total figures; zero where absent
+    uint64_t dirsInside = 0;  ///< appeared or vanished: directories below it that did too
     int64_t ByteChange() const { return static_cast<int64_t>(after.bytes - before.bytes); }
     int64_t EntryChange() const { return static_cast<int64_t>(after.entries - before.entries); }
 };

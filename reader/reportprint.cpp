@@ -52,8 +52,8 @@ std::string PartialNote(const ReportScan& s) {
     if (!s.unfinished)
         return Cat("PARTIAL: the file is damaged or cut short at offset ", Number(s.fault.offset), ": ",
                    s.fault.message, "\n", entries, " before it\n");
-    std::string note = Cat("PARTIAL: the scan that wrote this file did not complete (magic \"IDTL\")\n", entries,
-                           " it holds");
+    std::string note =
+        Cat("PARTIAL: the scan that wrote this file did not complete (magic \"IDTL\")\n", entries, " it holds");
     if (!s.fault.message.empty())
         note += Cat("; reading stopped at offset ", Number(s.fault.offset), ": ", s.fault.message);
     return note + "\n";
@@ -109,8 +109,7 @@ static void AppendJsonPath(std::string* out, const ReportScan& s, std::string_vi
     AppendJsonMember(out, "logicalPath", logical);
 }
 
-std::vector<size_t> RankedDirs(const std::vector<DirRow>& dirs, const PrintOptions& o,
-                               uint64_t (*key)(const DirRow&)) {
+std::vector<size_t> RankedDirs(const std::vector<DirRow>& dirs, const PrintOptions& o, uint64_t (*key)(const DirRow&)) {
     std::vector<size_t> order;
     for (size_t i = 0; i < dirs.size(); i++)
         if ((o.depth < 0 || dirs[i].depth <= o.depth) && key(dirs[i]) > 0) order.push_back(i);
@@ -152,8 +151,9 @@ void PrintTop(std::string* out, const ReportScan& s, const PrintOptions& o) {
     AppendTextHead(out, s, "Detail file");
     *out += Cat("\nLargest directories by ", o.byEntries ? "entry count" : "size");
     if (o.depth >= 0) *out += Cat(", at most ", std::to_string(o.depth), " levels below the root");
-    *out += "\n(a directory's size and counts are those of every entry below it, at any depth;\n"
-            " each hard-linked inode counts once, where the walk met it first)\n\n";
+    *out +=
+        "\n(a directory's size and counts are those of every entry below it, at any depth;\n"
+        " each hard-linked inode counts once, where the walk met it first)\n\n";
     TextTable t{{"SIZE", "BYTES", "ENTRIES", "FILES", "DIRS", "PATH"}, {true, true, true, true, true, false}, {}};
     for (size_t i : order) {
         const DirRow& d = s.dirs[i];
@@ -223,8 +223,9 @@ void PrintOwners(std::string* out, const ReportScan& s, const PrintOptions& o) {
         return;
     }
     AppendTextHead(out, s, "Detail file");
-    *out += "\nOwners, largest first. The detail file holds only user and group numbers; the names are\n"
-            "looked up in this machine's user and group databases (\"-\": none there).\n\nUsers\n";
+    *out +=
+        "\nOwners, largest first. The detail file holds only user and group numbers; the names are\n"
+        "looked up in this machine's user and group databases (\"-\": none there).\n\nUsers\n";
     OwnerTable(out, s.users, o, true);
     *out += "\nGroups\n";
     OwnerTable(out, s.groups, o, false);

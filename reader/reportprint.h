@@ -11,10 +11,10 @@
 /// How a report is shown.
 struct PrintOptions {
     bool json = false;
-    size_t rows = 20;          ///< -n: rows of each ranked table
-    int64_t depth = -1;        ///< --depth: only directories this deep or less (the root is 0); -1: any
-    bool byEntries = false;    ///< --by entries: rank directories by entry count instead of size
-    std::string coldName;      ///< --cold as given
+    size_t rows = 20;        ///< -n: rows of each ranked table
+    int64_t depth = -1;      ///< --depth: only directories this deep or less (the root is 0); -1: any
+    bool byEntries = false;  ///< --by entries: rank directories by entry count instead of size
+    std::string coldName;    ///< --cold as given
 };
 
 /// top: the largest directories by recursive size or entry count.

@@ -6,7 +6,11 @@
 
 size_t Utf8Length(const unsigned char* p, size_t n) {
     unsigned char c = p[0];
-    size_t len = c < 0x80 ? 1 : c >= 0xC2 && c <= 0xDF ? 2 : c >= 0xE0 && c <= 0xEF ? 3 : c >= 0xF0 && c <= 0xF4 ? 4 : 0;
+    size_t len = c < 0x80                 ? 1
+                 : c >= 0xC2 && c <= 0xDF ? 2
+                 : c >= 0xE0 && c <= 0xEF ? 3
+                 : c >= 0xF0 && c <= 0xF4 ? 4
+                                          : 0;
     if (len == 0 || len > n) return 0;
     for (size_t i = 1; i < len; i++)
         if ((p[i] & 0xC0) != 0x80) return 0;

@@ -65,7 +65,8 @@ FakeScan OddScan() {
     FakeScan s = SampleScan();
     const std::string odd = "o,d\"d\nname\xff";
     s.dirs[0].entries.push_back({.name = odd, .mode = S_IFDIR | 0755, .size = 4096, .links = 2, .inode = 30});
-    s.dirs.push_back({"/" + odd, {{.name = "big.Bin", .size = 70000, .inode = 31, .atime = 1500000000, .mtime = 1500000000}}});
+    s.dirs.push_back(
+        {"/" + odd, {{.name = "big.Bin", .size = 70000, .inode = 31, .atime = 1500000000, .mtime = 1500000000}}});
     return s;
 }
 
@@ -122,11 +123,15 @@ TEST(DtldumpCommands, PrintTablesAndJsonOfTheFigures) {
         std::vector<std::string> json;  // members of the --json output, flattened
     } cases[] = {
         {{"top"},
-         {"SIZE BYTES ENTRIES FILES DIRS PATH", "88.5 KiB 90648 12 7 5 /data", "68.4 KiB 70000 1 1 0 /data/o,d\"d\\nname\\xff",
-          "4.01 KiB 4103 3 2 1 /data/a", "Largest directories by size"},
-         {"totalFileSize=90648", "directories[0].bytes=90648", "directories[1].path=\"/data/o,d\\\"d\\nname\xEF\xBF\xBD\"",
-          "directories[1].pathHex=\"2f646174612f6f2c642264" "0a6e616d65ff\"", "directories[1].logicalPath=\"/o,d\\\"d\\nname\xEF\xBF\xBD\"",
-          "directories[2].entries=3", "directories[2].dirs=1", "partial=null", "complete=true"}},
+         {"SIZE BYTES ENTRIES FILES DIRS PATH", "88.5 KiB 90648 12 7 5 /data",
+          "68.4 KiB 70000 1 1 0 /data/o,d\"d\\nname\\xff", "4.01 KiB 4103 3 2 1 /data/a",
+          "Largest directories by size"},
+         {"totalFileSize=90648", "directories[0].bytes=90648",
+          "directories[1].path=\"/data/o,d\\\"d\\nname\xEF\xBF\xBD\"",
+          "directories[1].pathHex=\"2f646174612f6f2c642264"
+          "0a6e616d65ff\"",
+          "directories[1].logicalPath=\"/o,d\\\"d\\nname\xEF\xBF\xBD\"", "directories[2].entries=3",
+          "directories[2].dirs=1", "partial=null", "complete=true"}},
         {{"top", "--by", "entries", "--depth", "0"}, {"88.5 KiB 90648 12 7 5 /data"}, {"by=\"entries\"", "depth=0"}},
         {{"owners"},
          {"UID USER ENTRIES FILES DIRS SIZE BYTES", "GID GROUP ENTRIES FILES DIRS SIZE BYTES"},
@@ -179,7 +184,10 @@ std::string ExpectedRow(const std::string& root, const SeenEntry& e) {
         strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", gmtime_r(&t, &tm));
         return std::string(text) + " " + std::to_string(t);
     };
-    const char* kind = S_ISREG(e.st.st_mode) ? "file" : S_ISDIR(e.st.st_mode) ? "dir" : S_ISLNK(e.st.st_mode) ? "symlink" : "fifo";
+    const char* kind = S_ISREG(e.st.st_mode)   ? "file"
+                       : S_ISDIR(e.st.st_mode) ? "dir"
+                       : S_ISLNK(e.st.st_mode) ? "symlink"
+                                               : "fifo";
     char mode[8];
     snprintf(mode, sizeof mode, "%04o", e.st.st_mode & 07777);
     return hex(full) + " " + kind + " " + std::to_string(e.st.st_uid) + " " + std::to_string(e.st.st_gid) + " " + mode +
@@ -214,7 +222,10 @@ TEST(DtldumpCommands, ExportIsReadBackByRealParsersWhateverTheNames) {
                           {T::FILE, "new\nline", "333"},
                           {T::FILE, "cr\rname", ""},
                           {T::FILE, "tab\tname", ""},
-                          {T::FILE, "bad\xff" "byte", "4444"},
+                          {T::FILE,
+                           "bad\xff"
+                           "byte",
+                           "4444"},
                           {T::FILE, "caf\xc3\xa9", ""},
                           {T::FILE, "=1+2", ""},
                           {T::FILE, "back\\slash", ""},
@@ -231,7 +242,8 @@ TEST(DtldumpCommands, ExportIsReadBackByRealParsersWhateverTheNames) {
     struct Case {
         std::vector<std::string> args;
         const char* reader;
-    } cases[] = {{{"export"}, READ_CSV}, {{"export", "--format", "ndjson"}, READ_NDJSON}, {{"export", "--json"}, READ_NDJSON}};
+    } cases[] = {
+        {{"export"}, READ_CSV}, {{"export", "--format", "ndjson"}, READ_NDJSON}, {{"export", "--json"}, READ_NDJSON}};
     for (const Case& c : cases) {
         SCOPED_TRACE(testing::PrintToString(c.args));
         std::vector<std::string> args = c.args;
@@ -283,13 +295,13 @@ TEST(DtldumpCommands, RefuseDamagedAndUnfinishedFilesUnlessPartial) {
         std::string path;
         size_t entries;        // entry records before the fault
         std::string noteSays;  // besides the number of entries; "" for the fault's message
-    } inputs[] = {{unfinished, unfinishedEntries, "the scan that wrote this file did not complete"},
-                  {cut, 9, ""},
-                  {bad, 9, ""}};
+    } inputs[] = {
+        {unfinished, unfinishedEntries, "the scan that wrote this file did not complete"}, {cut, 9, ""}, {bad, 9, ""}};
     for (const Input& in : inputs) {
         DtlFault fault;
         ASSERT_FALSE(DtlCheckFile(in.path.c_str(), &fault));
-        const std::string refusal = "dtldump: " + in.path + ": offset " + std::to_string(fault.offset) + ": " + fault.message + "\n";
+        const std::string refusal =
+            "dtldump: " + in.path + ": offset " + std::to_string(fault.offset) + ": " + fault.message + "\n";
         for (const char* command : {"top", "owners", "age", "types", "export", "diff"}) {
             SCOPED_TRACE(std::string(command) + " " + in.path);
             std::vector<std::string> args = {command, in.path};
@@ -310,7 +322,8 @@ TEST(DtldumpCommands, RefuseDamagedAndUnfinishedFilesUnlessPartial) {
             EXPECT_NE(note.find("cover only the " + std::to_string(in.entries) + " entry records"), std::string::npos)
                 << note;
             if (args[0] == "export") {
-                EXPECT_EQ(static_cast<size_t>(std::count(partial.out.begin(), partial.out.end(), '\n')), 1 + in.entries);
+                EXPECT_EQ(static_cast<size_t>(std::count(partial.out.begin(), partial.out.end(), '\n')),
+                          1 + in.entries);
             }
         }
     }
@@ -355,8 +368,9 @@ TEST(DtldumpCommands, DiffComparesOnlyScansOfOneRootUnlessForced) {
     WriteFile(dir / "b.dtl", BuildDetail(other).bytes);
     RunResult refused = Dtldump({"diff", dir / "a.dtl", dir / "b.dtl"});
     EXPECT_EQ(refused.status, 1);
-    EXPECT_EQ(refused.err,
-              "dtldump: the two scans are of different roots, \"/data\" and \"/elsewhere\"; --force compares them anyway\n");
+    EXPECT_EQ(
+        refused.err,
+        "dtldump: the two scans are of different roots, \"/data\" and \"/elsewhere\"; --force compares them anyway\n");
     RunResult forced = Dtldump({"diff", "--force", dir / "a.dtl", dir / "b.dtl"});
     ASSERT_EQ(forced.status, 0) << forced.err;
     // Each row in the table it belongs to: the tables follow each other.

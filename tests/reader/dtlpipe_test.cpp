@@ -17,12 +17,17 @@ FakeScan LargeScan() {
     s.dirs.push_back({"/", {}});
     for (uint32_t d = 0; d < 300; d++) {
         std::string name = std::string("dir") + std::to_string(d);
-        s.dirs[0].entries.push_back({.name = name, .mode = S_IFDIR | 0755, .size = 4096, .links = 2, .inode = 100000 + d});
+        s.dirs[0].entries.push_back(
+            {.name = name, .mode = S_IFDIR | 0755, .size = 4096, .links = 2, .inode = 100000 + d});
         FakeDir dir{"/" + name, {}};
         for (uint32_t f = 0; f < 100; f++) {
             FakeEntry e{.name = std::string(200, 'a' + f % 26) + std::to_string(f), .size = f, .inode = d * 1000 + f};
-            if (f % 10 == 0) e = {.name = std::string("l") + std::to_string(f), .mode = S_IFLNK | 0777, .size = 3, .inode = e.inode,
-                                  .target = std::string(500, 't')};
+            if (f % 10 == 0)
+                e = {.name = std::string("l") + std::to_string(f),
+                     .mode = S_IFLNK | 0777,
+                     .size = 3,
+                     .inode = e.inode,
+                     .target = std::string(500, 't')};
             if (f % 7 == 0) e.links = 2, e.inode = 7;  // one inode with many names
             dir.entries.push_back(e);
         }
@@ -35,7 +40,8 @@ FakeScan LargeScan() {
 std::string Text(const DtlRecord& r) {
     return std::to_string(r.kind).append(" ") + std::string(r.name) + " -> " + std::string(r.target) + " depth " +
            std::to_string(r.depth) + (r.counted ? " counted " : " - ") + std::to_string(r.fixed.size) + " " +
-           std::to_string(r.fixed.inode) + " " + std::to_string(r.fixed.mode) + " " + std::to_string(r.fixed.entryFlags);
+           std::to_string(r.fixed.inode) + " " + std::to_string(r.fixed.mode) + " " +
+           std::to_string(r.fixed.entryFlags);
 }
 
 TEST(DtlPipe, HandsOnEveryRecordAsTheReaderReadsIt) {

@@ -101,7 +101,9 @@ std::string Extension(const std::string& name) {
     return ext;
 }
 
-int Kind(mode_t mode) { return S_ISREG(mode) ? KIND_FILE : S_ISDIR(mode) ? KIND_DIR : S_ISLNK(mode) ? KIND_SYMLINK : KIND_OTHER; }
+int Kind(mode_t mode) {
+    return S_ISREG(mode) ? KIND_FILE : S_ISDIR(mode) ? KIND_DIR : S_ISLNK(mode) ? KIND_SYMLINK : KIND_OTHER;
+}
 
 Figures Of(const Tally& t) { return {t.entries, t.files, t.bytes}; }
 
@@ -213,16 +215,21 @@ TEST(Report, EveryReportAgreesWithTheTreeItsScanCameFrom) {
 // walks of the two states say.
 TEST(Report, DiffFindsWhatChangedBetweenTwoScans) {
     ScanSpace space;
-    MakeTree(space.root, {{T::DIR, "keep"},       {T::FILE, "keep/same", "same"},
-                          {T::DIR, "grow"},       {T::FILE, "grow/log", "1234"},
-                          {T::DIR, "gone"},       {T::DIR, "gone/inner"},
+    MakeTree(space.root, {{T::DIR, "keep"},
+                          {T::FILE, "keep/same", "same"},
+                          {T::DIR, "grow"},
+                          {T::FILE, "grow/log", "1234"},
+                          {T::DIR, "gone"},
+                          {T::DIR, "gone/inner"},
                           {T::FILE, "gone/inner/f", std::string(70, 'f')},
-                          {T::DIR, "src"},        {T::DIR, "src/moving"},
+                          {T::DIR, "src"},
+                          {T::DIR, "src/moving"},
                           {T::FILE, "src/moving/m", std::string(50, 'm')},
                           {T::FILE, "src/removed", std::string(30, 'r')}});
     std::vector<SeenEntry> before = WalkTree(space.root);
     std::string oldFile = space.Scan("old.dtl");
-    ASSERT_EQ(system(("cd " + space.root + " && echo more >> grow/log && rm -r gone && rm src/removed && "
+    ASSERT_EQ(system(("cd " + space.root +
+                      " && echo more >> grow/log && rm -r gone && rm src/removed && "
                       "mv src/moving moved && mkdir -p fresh/sub && echo new > fresh/sub/n && echo x > grow/added")
                          .c_str()),
               0);

@@ -80,5 +80,6 @@ std::map<std::string, Figures> DirectoryFigures(const std::vector<SeenEntry>& se
 
 void SetTimes(const std::string& path, int64_t atime, int64_t mtime) {
     struct timespec times[2] = {{atime, 0}, {mtime, 0}};
-    if (utimensat(AT_FDCWD, path.c_str(), times, AT_SYMLINK_NOFOLLOW) != 0) ADD_FAILURE() << "cannot set times of " << path;
+    if (utimensat(AT_FDCWD, path.c_str(), times, AT_SYMLINK_NOFOLLOW) != 0)
+        ADD_FAILURE() << "cannot set times of " << path;
 }

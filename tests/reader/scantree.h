@@ -24,11 +24,11 @@ struct ScanSpace {
 
 /// One entry as the test's own walk saw it.
 struct SeenEntry {
-    std::string path;     ///< logical path below the root: "/a/b"
-    std::string dir;      ///< logical path of its directory: "/" or "/a"
+    std::string path;  ///< logical path below the root: "/a/b"
+    std::string dir;   ///< logical path of its directory: "/" or "/a"
     std::string name;
     struct stat st;
-    bool counted = false; ///< not hard-linked, or the first name of its inode (low 32 bits) in walk order
+    bool counted = false;  ///< not hard-linked, or the first name of its inode (low 32 bits) in walk order
 };
 
 /// Walks root as the scan does: a directory's entries in listing order,

@@ -32,9 +32,17 @@ TEST(TextOut, WritesNumbersAndSizes) {
         EXPECT_EQ(std::string(text, PutDecimal(text, v)), std::to_string(v));
     }
     const std::pair<uint64_t, const char*> sizes[] = {
-        {0, "0 B"},           {1023, "1023 B"},         {1024, "1.00 KiB"},      {1536, "1.50 KiB"},
-        {10189, "9.95 KiB"},  {10235, "10.0 KiB"},      {102348, "99.9 KiB"},    {1048575, "1.00 MiB"},
-        {1048576, "1.00 MiB"}, {5ull << 40, "5.00 TiB"}, {~0ull, "16.0 EiB"},
+        {0, "0 B"},
+        {1023, "1023 B"},
+        {1024, "1.00 KiB"},
+        {1536, "1.50 KiB"},
+        {10189, "9.95 KiB"},
+        {10235, "10.0 KiB"},
+        {102348, "99.9 KiB"},
+        {1048575, "1.00 MiB"},
+        {1048576, "1.00 MiB"},
+        {5ull << 40, "5.00 TiB"},
+        {~0ull, "16.0 EiB"},
     };
     for (const auto& [bytes, text] : sizes) EXPECT_EQ(HumanSize(bytes), text) << bytes;
 }
@@ -90,15 +98,17 @@ TEST(Report, ReadsAgeListsExtensionsAndPaths) {
         EXPECT_EQ(error.substr(0, strlen(a.error)), a.error) << a.text;
     }
     const std::pair<const char*, const char*> extensions[] = {
-        {"photo.JPG", "jpg"}, {"a.tar.gz", "gz"},     {".bashrc", ""}, {"trailing.", ""}, {"none", ""},
-        {"x.0123456789abcdef", "0123456789abcdef"}, {"x.0123456789abcdefg", ""},  {"..", ""}, {"a.B-c_D", "b-c_d"},
+        {"photo.JPG", "jpg"},        {"a.tar.gz", "gz"}, {".bashrc", ""},
+        {"trailing.", ""},           {"none", ""},       {"x.0123456789abcdef", "0123456789abcdef"},
+        {"x.0123456789abcdefg", ""}, {"..", ""},         {"a.B-c_D", "b-c_d"},
     };
     for (const auto& [name, ext] : extensions) {
         char buffer[16];
         EXPECT_EQ(ExtensionOf(name, buffer), ext) << name;
     }
     const std::tuple<const char*, const char*, const char*> paths[] = {
-        {"/data", "/", "/data"}, {"/data", "/a/b", "/data/a/b"}, {"/", "/", "/"}, {"/", "/a", "/a"}, {"/data/", "/a", "/data/a"},
+        {"/data", "/", "/data"}, {"/data", "/a/b", "/data/a/b"}, {"/", "/", "/"},
+        {"/", "/a", "/a"},       {"/data/", "/a", "/data/a"},
     };
     for (const auto& [root, logical, full] : paths) EXPECT_EQ(FullPath(root, logical), full);
 }
