@@ -1,7 +1,9 @@
 // Speed of the per-entry detail-file code: encoding a record's fixed part,
-// and reading and checking a whole file of a million records.
+// reading and checking a whole file of a million records, and the reports
+// over it (their figures on the reading thread's heels, and the export).
 
 #include <benchmark/benchmark.h>
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -10,8 +12,10 @@
 #include <string>
 #include <vector>
 
-#include "reader/dtlread.h"
 #include "detail/format.h"
+#include "reader/dtlread.h"
+#include "reader/export.h"
+#include "reader/report.h"
 
 namespace {
 
@@ -139,6 +143,44 @@ void BM_CheckDetailFile(benchmark::State& state) {
     unlink(path.c_str());
 }
 BENCHMARK(BM_CheckDetailFile)->Unit(benchmark::kMillisecond);
+
+// Every figure of the reports at once (directories, owners, ages, kinds and
+// extensions): the most a report command gathers in its one pass.
+void BM_ReportFigures(benchmark::State& state) {
+    uint64_t records = 0;
+    std::string path = MakeFile(1000, 1000, &records);
+    ReportOptions options{.dirs = true, .owners = true, .ages = true, .types = true, .ownerNames = false};
+    for (auto _ : state) {
+        ReportScan scan;
+        if (!ReadReport(path.c_str(), options, &scan)) {
+            state.SkipWithError(scan.fault.message.c_str());
+            break;
+        }
+        benchmark::DoNotOptimize(scan.dirs.data());
+    }
+    state.SetItemsProcessed(static_cast<int64_t>(state.iterations() * records));
+    unlink(path.c_str());
+}
+BENCHMARK(BM_ReportFigures)->Unit(benchmark::kMillisecond);
+
+// The export of every entry, written to /dev/null.
+void BM_Export(benchmark::State& state) {
+    uint64_t records = 0;
+    std::string path = MakeFile(1000, 1000, &records);
+    ExportSink sink;
+    sink.fd = open("/dev/null", O_WRONLY | O_CLOEXEC);
+    for (auto _ : state) {
+        ReportScan scan;
+        if (!ExportEntries(path.c_str(), state.range(0) ? EXPORT_NDJSON : EXPORT_CSV, false, &sink, &scan)) {
+            state.SkipWithError(scan.fault.message.c_str());
+            break;
+        }
+    }
+    close(sink.fd);
+    state.SetItemsProcessed(static_cast<int64_t>(state.iterations() * records));
+    unlink(path.c_str());
+}
+BENCHMARK(BM_Export)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond);
 
 }  // namespace
 

@@ -22,7 +22,7 @@ mkdir -p "$artifacts"
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 
-for target in config_reader template_match dtl_reader; do
+for target in config_reader template_match dtl_reader dtl_report; do
   echo "== fuzz_$target for $seconds s"
   mkdir "$work/$target"
   # Logical configuration lines reach 512 bytes only through several physical
@@ -30,7 +30,7 @@ for target in config_reader template_match dtl_reader; do
   # directories of records after 300 bytes of headers, and a compressed one
   # for its stream: 16 KiB.
   max_len=2048
-  [ "$target" = dtl_reader ] && max_len=16384
+  case $target in dtl_*) max_len=16384 ;; esac
   build/fuzz/fuzz/fuzz_$target -max_total_time="$seconds" -timeout=10 -rss_limit_mb=2048 -max_len="$max_len" \
     -print_final_stats=1 -artifact_prefix="$artifacts/$target-" "$work/$target" "fuzz/corpus/$target"
 done

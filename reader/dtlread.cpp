@@ -9,7 +9,7 @@
 #include <cstdarg>
 #include <cstring>
 
-#include "detail/compress.h"
+#include "reader/dtlinput.h"
 #include "support/byteorder.h"
 
 namespace {
@@ -31,6 +31,7 @@ struct Frame {
     uint64_t bytes = 0;
     uint64_t entries = 0;
     bool checked = false;     // its entry records are over and were counted
+    bool nameKept = false;    // its path is among the kept link names
     std::string subdirNames;  // names of its subdirectory entries, each ended by a zero byte
     std::vector<size_t> subdirStart;
     size_t nextSubdir = 0;    // subdirectories before this one were walked or skipped
@@ -44,9 +45,17 @@ struct InodeMap {
     size_t used = 0;
 };
 
+/// A name kept for DtlNameAt: the record's offset and where its bytes are.
+struct KeptName {
+    uint64_t pos;
+    size_t start, length;
+};
+
 }  // namespace
 
 struct DtlWalkState {
+    DtlInput input;
+    DtlOpenOptions options;
     std::vector<uint8_t> buf;
     size_t len = 0;         // valid bytes in buf
     size_t at = 0;          // read position in buf
@@ -59,6 +68,10 @@ struct DtlWalkState {
     std::vector<bool> linkFirst;
     InodeMap inodes;
     uint32_t linkIndex = 0;
+    // Compressed input: the names of the hard-linked records and of their
+    // directories' header records, in file order, for DtlNameAt.
+    std::string keptBytes;
+    std::vector<KeptName> kept;
 };
 
 static bool Fail(DtlReader* r, uint64_t offset, const char* format, ...) __attribute__((format(printf, 3, 4)));
@@ -79,9 +92,9 @@ static bool Fail(DtlReader* r, uint64_t offset, const char* format, ...) {
 static uint64_t Pos(const DtlWalkState& s) { return s.bufStart + s.at; }
 
 // Makes up to n bytes available at the read position and returns how many
-// are (fewer only at the end of the file or after a read error, which is a
-// fault of its own). This is the one place bytes come in: a decompressing
-// source replaces the read() below.
+// are (fewer only at the end of the file or after a read error or a damaged
+// compressed stream, which is a fault of its own). This is the one place
+// bytes come in, plain or inflated.
 static size_t Need(DtlReader* r, size_t n) {
     DtlWalkState& s = *r->state;
     if (s.len - s.at >= n || s.eof) return std::min(n, s.len - s.at);
@@ -89,11 +102,11 @@ static size_t Need(DtlReader* r, size_t n) {
     s.bufStart += s.at;
     s.len -= s.at;
     s.at = 0;
+    std::string error;
     while (s.len < n) {
-        ssize_t got = read(r->fd, s.buf.data() + s.len, s.buf.size() - s.len);
-        if (got < 0 && errno == EINTR) continue;
+        ssize_t got = DtlInputRead(&s.input, s.buf.data() + s.len, s.buf.size() - s.len, &error);
         if (got < 0) {
-            Fail(r, s.bufStart + s.len, "read error: %s", strerror(errno));
+            Fail(r, s.bufStart + s.len, "%s", error.c_str());
             s.eof = true;
             break;
         }
@@ -222,8 +235,13 @@ static bool CheckLogHeader(DtlReader* r, const uint8_t* p) {
     if (!AllZero(p + 20, 20)) return Fail(r, 20, "reserved bytes 20-39 of the log header are not zero");
     if (!AllZero(p + 48, 16)) return Fail(r, 48, "reserved bytes 48-63 of the log header are not zero");
     if (!AllZero(p + 68, 20)) return Fail(r, 68, "reserved bytes 68-87 of the log header are not zero");
-    if (h.completionFlags != DTL_COMPLETE && h.completionFlags != DTL_COMPLETE_TAGGED)
+    if (r->unfinished) {
+        // The scan writes the flags with the finished magic, never before.
+        if (h.completionFlags != 0)
+            return Fail(r, 64, "completionFlags is %u in an unfinished file, expected 0", h.completionFlags);
+    } else if (h.completionFlags != DTL_COMPLETE && h.completionFlags != DTL_COMPLETE_TAGGED) {
         return Fail(r, 64, "completionFlags is %u, expected 1 or 9", h.completionFlags);
+    }
     return true;
 }
 
@@ -316,7 +334,7 @@ static bool ReadHeaderStrings(DtlReader* r) {
     if (str.tag.size() != DTL_TAG_LENGTH)
         return Fail(r, tagPos, "tag header string holds %zu characters, expected 31", str.tag.size());
     uint32_t flags = CompletionFlagsFor(str.tag.c_str());
-    if (r->log.completionFlags != flags)
+    if (!r->unfinished && r->log.completionFlags != flags)
         return Fail(r, offsetof(DtlLogHeader, completionFlags), "completionFlags is %u, expected %u for the tag %s",
                     r->log.completionFlags, flags, Quote(str.tag).c_str());
     const uint64_t root = DTL_ROOT_HEADER_POS;
@@ -332,7 +350,8 @@ static bool ReadHeaderStrings(DtlReader* r) {
     }
     if (r->root.includeDirsOffset && !ReadIncludeLists(r)) return false;
     r->recordsPos = Pos(*r->state);
-    if (r->root.dtlStartPos != r->recordsPos)
+    // An unfinished file's root header still holds 0 there.
+    if (r->root.dtlStartPos != r->recordsPos && !(r->unfinished && r->root.dtlStartPos == 0))
         return Fail(r, root + offsetof(DtlRootHeader, dtlStartPos),
                     "dtlStartPos is %llu, but the header strings end at %llu",
                     static_cast<unsigned long long>(r->root.dtlStartPos),
@@ -340,53 +359,28 @@ static bool ReadHeaderStrings(DtlReader* r) {
     return true;
 }
 
-// Replaces the compressed file's descriptor by one on its decompressed bytes.
-static bool OpenPlainCopy(DtlReader* r) {
-    FILE* copy = tmpfile();
-    int plain = copy ? dup(fileno(copy)) : -1;
-    if (copy) fclose(copy);  // the copy has no name; the duplicate keeps it alive
-    if (plain < 0) return Fail(r, 0, "compressed detail file: no temporary file to decompress into: %s", strerror(errno));
-    if (InflateFd(r->fd, plain, true) != 0) {
-        int saved = errno;
-        close(plain);
-        return Fail(r, 0, "compressed detail file cannot be decompressed: %s", strerror(saved));
-    }
-    close(r->fd);
-    r->fd = plain;
-    r->wasCompressed = true;
-    if (lseek(plain, 0, SEEK_SET) != 0) return Fail(r, 0, "cannot read the decompressed copy: %s", strerror(errno));
-    DtlWalkState& s = *r->state;
-    s.len = s.at = 0;
-    s.bufStart = 0;
-    s.eof = false;
-    return true;
-}
-
-bool DtlOpen(DtlReader* r, const char* path) {
+bool DtlOpen(DtlReader* r, const char* path, const DtlOpenOptions& options) {
     WhichEnd();
     r->path = path;
     r->state = new DtlWalkState;
     DtlWalkState& s = *r->state;
+    s.options = options;
     s.buf.resize(READ_BUF_SIZE);
-    r->fd = open(path, O_RDONLY | O_CLOEXEC);
-    if (r->fd < 0) return Fail(r, 0, "cannot open: %s", strerror(errno));
+    std::string error;
+    bool opened = DtlInputOpen(&s.input, path, &error);
+    r->fd = s.input.fd;
+    r->wasCompressed = s.input.compressed;
+    if (!opened) return Fail(r, 0, "%s", error.c_str());
     size_t got = Need(r, DTL_STRINGS_POS);
     if (r->failed) return false;
     const uint8_t* p = Here(s);
-    // A compressed file is one zlib stream: 0x78 0x01 first. It is read
-    // through an anonymous temporary copy of its plain bytes, made by the
-    // program's own decompression, so the file itself is never changed.
-    if (got >= 2 && p[0] == 0x78 && p[1] == 0x01) {
-        if (!OpenPlainCopy(r)) return false;
-        got = Need(r, DTL_STRINGS_POS);
-        if (r->failed) return false;
-        p = Here(s);
-    }
     if (got < 4) return Fail(r, 0, "file ends inside the log header (%zu of 88 bytes): not a detail file", got);
     r->log.magic = Get32(p);
-    if (r->log.magic == DTL_MAGIC_UNFINISHED)
+    if (r->log.magic == DTL_MAGIC_UNFINISHED && options.acceptUnfinished)
+        r->unfinished = true;
+    else if (r->log.magic == DTL_MAGIC_UNFINISHED)
         return Fail(r, 0, "unfinished detail file: magic \"IDTL\" (the scan that wrote it did not complete)");
-    if (r->log.magic != DTL_MAGIC_COMPLETE)
+    else if (r->log.magic != DTL_MAGIC_COMPLETE)
         return Fail(r, 0, "not a detail file: magic 0x%08x, expected \"FDTL\"", r->log.magic);
     if (got < sizeof(DtlLogHeader))
         return Fail(r, got, "file ends inside the log header (%zu of 88 bytes)", got);
@@ -411,19 +405,20 @@ static bool CloseEntries(DtlReader* r) {
     Frame& f = s.frames.back();
     f.checked = true;
     if (f.entries == 0) r->totals.emptyDirHeaders++;
-    std::string name = Quote(f.path);
+    // The scan fills a directory's counts when it leaves the directory.
+    if (r->unfinished && f.expFiles == 0 && f.expSubdirs == 0 && f.expBytes == 0) return true;
     if (f.files != f.expFiles)
         return Fail(r, f.headerPos + DTL_DIR_FILES_POS,
-                    "directory %s: its header record counts %u files, but %u file records follow it", name.c_str(),
+                    "directory %s: its header record counts %u files, but %u file records follow it", Quote(f.path).c_str(),
                     f.expFiles, f.files);
     if (f.subdirs != f.expSubdirs)
         return Fail(r, f.headerPos + DTL_DIR_SUBDIRS_POS,
                     "directory %s: its header record counts %u subdirectories, but %u subdirectory records follow it",
-                    name.c_str(), f.expSubdirs, f.subdirs);
+                    Quote(f.path).c_str(), f.expSubdirs, f.subdirs);
     if (f.bytes != f.expBytes)
         return Fail(r, f.headerPos + DTL_DIR_BYTES_POS,
                     "directory %s: its header record counts %llu bytes of files, but its file records add up to %llu",
-                    name.c_str(), static_cast<unsigned long long>(f.expBytes),
+                    Quote(f.path).c_str(), static_cast<unsigned long long>(f.expBytes),
                     static_cast<unsigned long long>(f.bytes));
     return true;
 }
@@ -487,6 +482,19 @@ static bool EnterDirectory(DtlReader* r, uint64_t pos, const DtlRecordFixed& fx,
     return true;
 }
 
+static void Keep(DtlWalkState* s, uint64_t pos, std::string_view name) {
+    s->kept.push_back({pos, s->keptBytes.size(), name.size()});
+    s->keptBytes.append(name);
+}
+
+// A compressed file cannot be read out of turn: the names a hard-link table
+// entry points at are kept as the records pass, in file order.
+static void KeepLinkNames(DtlWalkState* s, Frame* f, uint64_t pos, std::string_view name) {
+    if (!f->nameKept) Keep(s, f->headerPos, f->path);
+    f->nameKept = true;
+    Keep(s, pos, name);
+}
+
 // Runs once per entry record: no allocation beyond the subdirectory names
 // and the hard-link expectations.
 static bool CheckEntry(DtlReader* r, uint64_t pos, const DtlRecordFixed& fx, const uint8_t* name) {
@@ -525,6 +533,7 @@ static bool CheckEntry(DtlReader* r, uint64_t pos, const DtlRecordFixed& fx, con
     }
     if (!hardLink) {
         t.totalFileSize += fx.size;
+        r->rec.counted = true;
         return true;
     }
     // The hard-link table must hold one entry per flagged record, in record
@@ -536,6 +545,8 @@ static bool CheckEntry(DtlReader* r, uint64_t pos, const DtlRecordFixed& fx, con
         t.linkedInodes++;
         t.totalFileSize += fx.size;
     }
+    r->rec.counted = first;
+    if (r->wasCompressed && s.options.nameLinks) KeepLinkNames(&s, &f, pos, text);
     s.expLinks.push_back({first ? 0 : slot - 1, f.headerPos, pos});
     s.linkInodes.push_back(fx.inode);
     s.linkFirst.push_back(first);
@@ -550,6 +561,7 @@ static bool CheckEnd(DtlReader* r, uint64_t pos, const uint8_t* p) {
         if (p[i] != 0xFF) return Fail(r, pos + i, "end marker is not 48 bytes of 0xFF");
     if (!CloseEntries(r)) return false;
     r->endMarkerPos = pos;
+    if (r->unfinished) return true;  // the totals and the table come after the marker
     const DtlRootHeader& h = r->root;
     const DtlTotals& t = r->totals;
     const uint64_t base = DTL_ROOT_HEADER_POS;
@@ -618,6 +630,7 @@ static DtlStep NextRecord(DtlReader* r) {
     DtlRecord& rec = r->rec;
     rec.pos = pos;
     rec.name = rec.target = {};
+    rec.counted = false;
     DtlRecordFixed& fx = rec.fixed;
     DecodeFixed(Here(s), &fx);
     if (fx.entryFlags == DTL_END_MARKER) {
@@ -626,7 +639,7 @@ static DtlStep NextRecord(DtlReader* r) {
         rec.depth = 0;
         if (!CheckEnd(r, pos, Here(s))) return DTL_STEP_FAULT;
         s.at += sizeof(DtlRecordFixed);
-        s.phase = r->totals.hardLinks ? PHASE_LINKS : PHASE_TRAILER;
+        s.phase = r->unfinished ? PHASE_DONE : r->totals.hardLinks ? PHASE_LINKS : PHASE_TRAILER;
         return DTL_STEP_RECORD;
     }
     if (fx.entryFlags == DTL_DIR_HEADER) {
@@ -731,6 +744,15 @@ DtlStep DtlNext(DtlReader* r) {
 }
 
 bool DtlNameAt(DtlReader* r, uint64_t pos, std::string* name) {
+    if (r->wasCompressed) {
+        if (!r->state) return false;
+        const std::vector<KeptName>& kept = r->state->kept;
+        auto it = std::lower_bound(kept.begin(), kept.end(), pos,
+                                   [](const KeptName& k, uint64_t at) { return k.pos < at; });
+        if (it == kept.end() || it->pos != pos) return false;
+        name->assign(r->state->keptBytes, it->start, it->length);
+        return true;
+    }
     uint8_t fixed[sizeof(DtlRecordFixed)];
     if (r->fd < 0 || pread(r->fd, fixed, sizeof fixed, static_cast<off_t>(pos)) != sizeof fixed) return false;
     uint16_t length = Get16(fixed + 44);
@@ -742,7 +764,7 @@ bool DtlNameAt(DtlReader* r, uint64_t pos, std::string* name) {
 }
 
 void DtlClose(DtlReader* r) {
-    if (r->fd >= 0) close(r->fd);
+    if (r->state) DtlInputClose(&r->state->input);
     r->fd = -1;
     delete r->state;
     r->state = nullptr;

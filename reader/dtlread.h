@@ -3,9 +3,11 @@
 // end marker, the hard-link table and the root totals.
 //
 // The file is read once from front to back through one buffer, never held
-// whole in memory; the reader keeps only the open directories' subdirectory
-// names and one 24-byte expectation per hard-linked entry. The first fault
-// stops it with a message and the offset where it was found.
+// whole in memory (a compressed file is inflated on the way in); the reader
+// keeps only the open directories' subdirectory names and one 24-byte
+// expectation per hard-linked entry, and for a compressed file the names of
+// the hard-linked records, which DtlNameAt cannot read back out of turn. The
+// first fault stops it with a message and the offset where it was found.
 #pragma once
 
 #include <cstdint>
@@ -52,6 +54,8 @@ struct DtlRecord {
     std::string_view target;   ///< link target without the zero byte; empty unless a symbolic link
     std::string_view dirPath;  ///< logical path of the directory the record belongs to
     uint32_t depth = 0;        ///< nesting of the record's directory; the root is 1
+    bool counted = false;      ///< an entry whose size the totals count: not hard-linked, or the
+                               ///< first record of its inode (low 32 bits) in walk order
 };
 
 /// One hard-link table entry with what the records say about it.
@@ -78,6 +82,18 @@ struct DtlTotals {
 
 struct DtlWalkState;
 
+/// How DtlOpen reads a file.
+struct DtlOpenOptions {
+    /// Accept an unfinished file ("IDTL", completionFlags 0): its records are
+    /// read as far as they go. Its root totals, dtlStartPos and table offset
+    /// are not yet written and are not checked, nor are the counts of a
+    /// directory header record that are all zero (the scan never left that
+    /// directory); the end marker, when present, ends the reading.
+    bool acceptUnfinished = false;
+    /// Keep the names DtlNameAt needs when the file is compressed.
+    bool nameLinks = true;
+};
+
 /// A detail file being read. Plain data; DtlOpen fills it, DtlNext advances it.
 struct DtlReader {
     std::string path;          ///< the file's path as given
@@ -93,21 +109,25 @@ struct DtlReader {
     DtlTotals totals;          ///< what the records read so far add up to
     DtlFault fault;            ///< the first fault
     bool failed = false;       ///< a fault was found; every later step returns DTL_STEP_FAULT
-    bool wasCompressed = false;  ///< the file is compressed and is read through a decompressed copy
+    bool wasCompressed = false;  ///< the file is compressed and is inflated as it is read
+    bool unfinished = false;   ///< an "IDTL" file opened with acceptUnfinished
     DtlWalkState* state = nullptr;  ///< buffer, directory stack and hard-link expectations
 };
 
 /// Opens a detail file and reads and checks everything in front of the
 /// records. False with reader->fault filled on any fault, among them a file
-/// that cannot be opened, and an
-/// unfinished file ("IDTL"). DtlClose must follow in every case.
-bool DtlOpen(DtlReader* reader, const char* path);
+/// that cannot be opened, and an unfinished file ("IDTL") unless the options
+/// accept it. DtlClose must follow in every case.
+bool DtlOpen(DtlReader* reader, const char* path, const DtlOpenOptions& options = {});
 
 /// Reads the next record or hard-link table entry and checks it.
 DtlStep DtlNext(DtlReader* reader);
 
 /// Reads the name of the record at pos out of turn (for naming hard-link
-/// table entries) without disturbing the stream. False when it cannot be read.
+/// table entries) without disturbing the stream. A compressed file answers
+/// from the names kept for the hard-linked records and their directories'
+/// header records (see DtlOpenOptions::nameLinks). False when it cannot be
+/// read.
 bool DtlNameAt(DtlReader* reader, uint64_t pos, std::string* name);
 
 /// Closes the file and frees what the reader holds.

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <string>
 
+#include "detail/compress.h"
 #include "tests/support/dtlbuilder.h"
 #include "tests/support/testutil.h"
 
@@ -92,6 +93,134 @@ TEST(DtlReadTest, ReportsACleanErrorForAFileCutAtAnyLength) {
         ASSERT_FALSE(DtlCheckFile(path.c_str(), &fault)) << length;
         EXPECT_FALSE(fault.message.empty()) << length;
         EXPECT_LE(fault.offset, length) << length << ": " << fault.message;
+    }
+}
+
+// Reads a whole file; each entry record as "path counted|-", and the names
+// DtlNameAt gives for each hard-link table entry as "link dir name".
+std::vector<std::string> Walk(const std::string& path, const DtlOpenOptions& options, DtlReader* r) {
+    std::vector<std::string> seen;
+    DtlStep step = DTL_STEP_FAULT;
+    if (DtlOpen(r, path.c_str(), options)) {
+        while ((step = DtlNext(r)) == DTL_STEP_RECORD || step == DTL_STEP_LINK) {
+            if (step == DTL_STEP_LINK) {
+                std::string dir = "?", name = "?";
+                DtlNameAt(r, r->link.entry.parentDirPos, &dir);
+                DtlNameAt(r, r->link.entry.recordPos, &name);
+                seen.push_back("link " + dir + " " + name);
+            } else if (r->rec.kind == DTL_REC_ENTRY) {
+                seen.push_back(DtlJoinPath(r->rec.dirPath, r->rec.name) + (r->rec.counted ? " counted" : " -"));
+            }
+        }
+    }
+    seen.push_back(step == DTL_STEP_DONE ? "done" : "fault: " + r->fault.message);
+    return seen;
+}
+
+TEST(DtlReadTest, InflatesACompressedFileAsItReadsAndStillNamesItsHardLinks) {
+    ScopedTempDir dir;
+    std::string plain = dir / "plain.dtl", packed = dir / "packed.dtl";
+    WriteFile(plain, BuildDetail(SampleScan()).bytes);
+    ASSERT_EQ(compressFile(plain.c_str(), packed.c_str()), 0);
+    const std::vector<std::string> expected = {
+        "/f1 counted", "/a counted", "/l counted", "/h1 counted", "/b counted", "/x counted",
+        "/a/h2 -",  // the second name of inode 77: its size counts once
+        "/a/c counted", "/a/caf\xe9 counted", "/b/n\nl counted",
+        "link / a", "link / h1", "link / b", "link / x", "link /a h2", "link /a c", "done"};
+    for (const std::string& path : {plain, packed}) {
+        DtlReader r;
+        EXPECT_EQ(Walk(path, {}, &r), expected) << path;
+        EXPECT_EQ(r.wasCompressed, path == packed);
+        DtlClose(&r);
+    }
+    DtlReader r;  // without kept names a compressed file cannot name its links
+    std::vector<std::string> unnamed = Walk(packed, {.nameLinks = false}, &r);
+    DtlClose(&r);
+    EXPECT_EQ(unnamed[10], "link ? ?");
+}
+
+TEST(DtlReadTest, NamesTheFaultOfADamagedCompressedStream) {
+    ScopedTempDir dir;
+    std::string plain = dir / "plain.dtl", packed = dir / "packed.dtl";
+    WriteFile(plain, BuildDetail(SampleScan()).bytes);
+    ASSERT_EQ(compressFile(plain.c_str(), packed.c_str()), 0);
+    const std::string good = ReadFile(packed);
+    struct Case {
+        const char* message;
+        std::string bytes;
+    } cases[] = {
+        {"its Adler-32 trailer", good.substr(0, good.size() - 1) + static_cast<char>(good.back() ^ 1)},
+        {"bytes follow the end of its compressed stream", good + "x"},
+        {"the file ends inside its Adler-32 trailer", good.substr(0, good.size() - 2)},
+        {"the file ends inside its compressed stream", good.substr(0, good.size() / 2)},
+        {"the deflate data is invalid at byte 3 of the compressed file (invalid block type)", good.substr(0, 2) + "\xff" + good.substr(3)},
+    };
+    int n = 0;
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.message);
+        std::string path = dir / (std::to_string(n++) + ".dtl");
+        WriteFile(path, c.bytes);
+        DtlFault fault;
+        ASSERT_FALSE(DtlCheckFile(path.c_str(), &fault));
+        EXPECT_NE(fault.message.find("compressed detail file cannot be decompressed: "), std::string::npos)
+            << fault.message;
+        EXPECT_NE(fault.message.find(c.message), std::string::npos) << fault.message;
+    }
+    // Cut anywhere, the stream or the structure behind it names a fault.
+    std::string path = dir / "cut.dtl";
+    WriteFile(path, good);
+    for (size_t length = good.size(); length-- > 2;) {
+        ASSERT_EQ(truncate(path.c_str(), static_cast<off_t>(length)), 0);
+        DtlFault fault;
+        ASSERT_FALSE(DtlCheckFile(path.c_str(), &fault)) << length;
+        EXPECT_FALSE(fault.message.empty()) << length;
+    }
+}
+
+// The file of a scan that died: "IDTL", no flags, no totals, no start
+// position, and the root's counts not yet filled in.
+std::string Unfinished(const FakeFile& f) {
+    std::string b = f.bytes;
+    PutLe(b, 0, 0x4c544449, 4);
+    PutLe(b, 64, 0, 4);
+    PutLe(b, 40, 0, 8);
+    PutLe(b, 88, 0, 8);
+    PutLe(b, 88 + 16, 0, 8);
+    for (int field = 48; field < 68; field += 4) PutLe(b, 88 + field, 0, 4);
+    PutLe(b, f.recordPos.at("dir:/") + 24, 0, 8);  // file and subdirectory counts
+    PutLe(b, f.recordPos.at("dir:/") + 32, 0, 8);  // bytes
+    return b;
+}
+
+TEST(DtlReadTest, ReadsAnUnfinishedFileOnlyWhenAskedAndAsFarAsItGoes) {
+    const FakeFile f = BuildDetail(SampleScan());
+    const std::string idtl = Unfinished(f);
+    std::string wrongCounts = idtl;  // counts that were filled in must still be right
+    PutLe(wrongCounts, f.recordPos.at("dir:/a") + 24, 5, 4);
+    struct Case {
+        std::string bytes;
+        bool accept;
+        std::vector<std::string> last;  // the last two things read
+    } cases[] = {
+        {idtl, false, {"fault: unfinished detail file: magic \"IDTL\" (the scan that wrote it did not complete)"}},
+        {idtl, true, {"/b/n\nl counted", "done"}},  // the marker ends it; the table is not read
+        {idtl.substr(0, f.recordPos.at("/a/caf\xe9") + 20), true,
+         {"/a/c counted", "fault: file ends inside a record (20 of 48 bytes)"}},
+        {idtl.substr(0, f.recordPos.at("dir:/b")), true, {"/a/caf\xe9 counted", "fault: file ends without an end marker"}},
+        {wrongCounts, true, {"/a/caf\xe9 counted", "fault: directory \"/a\": its header record counts 5 files, but 2 file records follow it"}},
+        {f.bytes.substr(0, f.endMarkerPos), true, {"/b/n\nl counted", "fault: file ends without an end marker"}},
+    };
+    ScopedTempDir dir;
+    int n = 0;
+    for (const Case& c : cases) {
+        std::string path = dir / (std::to_string(n++) + ".dtl");
+        WriteFile(path, c.bytes);
+        DtlReader r;
+        std::vector<std::string> seen = Walk(path, {.acceptUnfinished = c.accept}, &r);
+        DtlClose(&r);
+        std::vector<std::string> tail(seen.end() - std::min(seen.size(), c.last.size()), seen.end());
+        EXPECT_EQ(tail, c.last) << n - 1;
+        EXPECT_EQ(r.unfinished, c.accept && c.bytes.substr(0, 4) == "IDTL") << n - 1;
     }
 }
 

@@ -1,4 +1,9 @@
 list(APPEND FERROVAN_TEST_SOURCES
+  reader/commands_test.cpp
   reader/dtldump_test.cpp
+  reader/dtlpipe_test.cpp
   reader/dtlread_test.cpp
+  reader/report_test.cpp
+  reader/scantree.cpp
+  reader/textout_test.cpp
 )

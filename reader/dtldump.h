@@ -1,0 +1,17 @@
+// The dtldump tool: printing a detail file whole (dump.cpp) and the report
+// commands (commands.cpp). main (dtldump.cpp) picks one by the first word.
+#pragma once
+
+/// The usage text: the forms of the command line and the commands.
+extern const char* const DTLDUMP_USAGE;
+
+/// dtldump [--json] [--summary] FILE, as it has always been: prints and
+/// checks the file. Takes main's arguments; returns the exit status.
+int DumpMain(int argc, char** argv);
+
+/// True when word names a report command.
+bool IsCommand(const char* word);
+
+/// dtldump COMMAND [OPTIONS] FILE...: argv[1] is the command. Returns the
+/// exit status.
+int CommandMain(int argc, char** argv);

@@ -1,0 +1,168 @@
+#include "reader/dtlinput.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+#include <zlib.h>
+
+#include <cerrno>
+#include <cstring>
+#include <vector>
+
+#include "detail/compress.h"
+
+namespace {
+
+constexpr size_t INFLATE_INPUT_SIZE = 256 << 10;
+
+// Reads what is there, retrying after a signal. -1 on a read error.
+ssize_t ReadSome(int fd, uint8_t* buf, size_t cap) {
+    for (;;) {
+        ssize_t got = read(fd, buf, cap);
+        if (got >= 0 || errno != EINTR) return got;
+    }
+}
+
+std::string ReadError() { return std::string("read error: ") + strerror(errno); }
+
+}  // namespace
+
+struct DtlInflater {
+    z_stream z{};
+    std::vector<uint8_t> in;
+    uLong adler = 0;
+    bool eof = false;        // the file has no more compressed bytes
+    bool streamEnd = false;  // the deflate data is over and the trailer was checked
+};
+
+static std::string Damaged(const char* what) {
+    return std::string("compressed detail file cannot be decompressed: ") + what;
+}
+
+bool DtlInputOpen(DtlInput* in, const char* path, std::string* error) {
+    in->fd = open(path, O_RDONLY | O_CLOEXEC);
+    if (in->fd < 0) {
+        *error = std::string("cannot open: ") + strerror(errno);
+        return false;
+    }
+    // Two bytes tell the kinds apart; a plain file gets them back first.
+    while (in->pendingLen < 2) {
+        ssize_t got = ReadSome(in->fd, in->pending + in->pendingLen, 2 - in->pendingLen);
+        if (got < 0) {
+            *error = ReadError();
+            return false;
+        }
+        if (got == 0) break;
+        in->pendingLen += static_cast<size_t>(got);
+    }
+    if (in->pendingLen < 2 || in->pending[0] != ZLIB_HEADER_0 || in->pending[1] != ZLIB_HEADER_1) return true;
+    in->compressed = true;
+    in->pendingLen = 0;
+    in->compressedRead = 2;
+    in->inflater = new DtlInflater;
+    DtlInflater& f = *in->inflater;
+    f.in.resize(INFLATE_INPUT_SIZE);
+    f.adler = adler32(0, nullptr, 0);
+    if (inflateInit2(&f.z, -MAX_WBITS) != Z_OK) {
+        *error = Damaged("the inflater could not start");
+        return false;
+    }
+    return true;
+}
+
+// The deflate data is over: exactly four bytes must follow, the Adler-32 of
+// the plain bytes, big-endian, and then the end of the file.
+static bool CheckTrailer(DtlInput* in, std::string* error) {
+    DtlInflater& f = *in->inflater;
+    uint8_t trailer[4];
+    size_t have = f.z.avail_in < 4 ? f.z.avail_in : 4;
+    memcpy(trailer, f.z.next_in, have);
+    f.z.next_in += have;
+    f.z.avail_in -= static_cast<uInt>(have);
+    while (have < 4) {
+        ssize_t got = ReadSome(in->fd, trailer + have, 4 - have);
+        if (got < 0) return *error = ReadError(), false;
+        if (got == 0) return *error = Damaged("the file ends inside its Adler-32 trailer"), false;
+        have += static_cast<size_t>(got);
+        in->compressedRead += static_cast<uint64_t>(got);
+    }
+    uint32_t stored = static_cast<uint32_t>(trailer[0]) << 24 | trailer[1] << 16 | trailer[2] << 8 | trailer[3];
+    if (stored != static_cast<uint32_t>(f.adler)) {
+        char text[128];
+        snprintf(text, sizeof text, "its Adler-32 trailer 0x%08x does not match the decompressed bytes (0x%08x)",
+                 stored, static_cast<uint32_t>(f.adler));
+        *error = Damaged(text);
+        return false;
+    }
+    uint8_t more;
+    ssize_t got = f.z.avail_in ? 1 : ReadSome(in->fd, &more, 1);
+    if (got < 0) return *error = ReadError(), false;
+    if (got > 0) return *error = Damaged("bytes follow the end of its compressed stream"), false;
+    return true;
+}
+
+// Runs once per buffer refill: one inflate call per compressed input chunk
+// or output buffer, no allocation.
+static ssize_t Inflate(DtlInput* in, uint8_t* buf, size_t cap, std::string* error) {
+    DtlInflater& f = *in->inflater;
+    if (f.streamEnd) return 0;
+    z_stream& z = f.z;
+    z.next_out = buf;
+    z.avail_out = static_cast<uInt>(cap);
+    while (z.avail_out == cap) {
+        if (z.avail_in == 0 && !f.eof) {
+            ssize_t got = ReadSome(in->fd, f.in.data(), f.in.size());
+            if (got < 0) return *error = ReadError(), -1;
+            f.eof = got == 0;
+            z.next_in = f.in.data();
+            z.avail_in = static_cast<uInt>(got);
+            in->compressedRead += static_cast<uint64_t>(got);
+        }
+        int status = inflate(&z, Z_NO_FLUSH);
+        if (status == Z_STREAM_END) {
+            f.streamEnd = true;
+            break;
+        }
+        // No progress for want of input: more is read, unless there is none.
+        if (status == Z_BUF_ERROR && z.avail_in == 0) {
+            if (!f.eof) continue;
+            *error = Damaged("the file ends inside its compressed stream");
+            return -1;
+        }
+        if (status != Z_OK) {
+            char text[160];
+            snprintf(text, sizeof text, "the deflate data is invalid at byte %llu of the compressed file (%s)",
+                     static_cast<unsigned long long>(in->compressedRead - z.avail_in), z.msg ? z.msg : "no reason");
+            *error = Damaged(text);
+            return -1;
+        }
+    }
+    size_t produced = cap - z.avail_out;
+    f.adler = adler32(f.adler, buf, static_cast<uInt>(produced));
+    if (f.streamEnd && !CheckTrailer(in, error)) return -1;
+    return static_cast<ssize_t>(produced);
+}
+
+ssize_t DtlInputRead(DtlInput* in, uint8_t* buf, size_t cap, std::string* error) {
+    if (cap == 0) return 0;
+    if (in->compressed) return Inflate(in, buf, cap > (1u << 30) ? 1u << 30 : cap, error);
+    if (in->pendingLen) {
+        size_t n = in->pendingLen < cap ? in->pendingLen : cap;
+        memcpy(buf, in->pending, n);
+        memmove(in->pending, in->pending + n, in->pendingLen - n);
+        in->pendingLen -= n;
+        return static_cast<ssize_t>(n);
+    }
+    ssize_t got = ReadSome(in->fd, buf, cap);
+    if (got < 0) *error = ReadError();
+    return got;
+}
+
+void DtlInputClose(DtlInput* in) {
+    if (in->fd >= 0) close(in->fd);
+    in->fd = -1;
+    if (in->inflater) {
+        inflateEnd(&in->inflater->z);
+        delete in->inflater;
+        in->inflater = nullptr;
+    }
+}

@@ -1,0 +1,64 @@
+// The reports of dtldump as aligned text tables for people or as JSON, drawn
+// from the figures of reader/report.h. Each function appends one whole
+// report to *out.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "reader/report.h"
+
+/// How a report is shown.
+struct PrintOptions {
+    bool json = false;
+    size_t rows = 20;        ///< -n: rows of each ranked table
+    int64_t depth = -1;      ///< --depth: only directories this deep or less (the root is 0); -1: any
+    bool byEntries = false;  ///< --by entries: rank directories by entry count instead of size
+    std::string coldName;    ///< --cold as given
+};
+
+/// top: the largest directories by recursive size or entry count.
+void PrintTop(std::string* out, const ReportScan& scan, const PrintOptions& options);
+
+/// owners: per user and per group.
+void PrintOwners(std::string* out, const ReportScan& scan, const PrintOptions& options);
+
+/// age: files by age of modification and of access; the coldest directories.
+void PrintAges(std::string* out, const ReportScan& scan, const PrintOptions& options);
+
+/// types: entries by kind, regular files by extension.
+void PrintTypes(std::string* out, const ReportScan& scan, const PrintOptions& options);
+
+/// diff: two scans of one root compared.
+void PrintDiff(std::string* out, const ReportScan& before, const ReportScan& after, const ScanDiff& diff,
+               const PrintOptions& options);
+
+/// The lines that say a report is partial, or "" for a complete one; for
+/// the head of a text report and for standard error.
+std::string PartialNote(const ReportScan& scan);
+
+// Shared by the printing modules.
+
+/// An aligned text table: a header row and rows of cells; numbers are right
+/// aligned, text left aligned, the last column never padded.
+struct TextTable {
+    std::vector<std::string> header;
+    std::vector<bool> right;  ///< per column: right aligned
+    std::vector<std::vector<std::string>> rows;
+};
+void AppendTable(std::string* out, const TextTable& table);
+
+/// The head of a text report: the file, the scan, and a partial note.
+void AppendTextHead(std::string* out, const ReportScan& scan, const char* label);
+/// The head members of a JSON report, without the braces around them.
+void AppendJsonHead(std::string* out, const ReportScan& scan);
+/// The rows of dirs no deeper than the options allow whose key is above 0,
+/// largest key first (walk order among equals), at most options.rows.
+std::vector<size_t> RankedDirs(const std::vector<DirRow>& dirs, const PrintOptions& options,
+                               uint64_t (*key)(const DirRow&));
+/// A path for a table cell: escaped as text output escapes names.
+std::string CellPath(std::string_view path);
+std::string Number(uint64_t v);
+/// "+1.50 GiB" / "-3.0 KiB" / "0 B".
+std::string SignedSize(int64_t change);
+std::string Signed(int64_t change);

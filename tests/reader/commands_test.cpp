@@ -1,0 +1,392 @@
+// dtldump's report commands as people and scripts run them: the command
+// line, the tables and JSON, CSV and NDJSON read back by real parsers,
+// compressed files, and damaged or unfinished ones.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <climits>
+#include <ctime>
+#include <set>
+#include <sstream>
+
+#include "detail/compress.h"
+#include "reader/dtlread.h"
+#include "tests/reader/scantree.h"
+#include "tests/support/dtlbuilder.h"
+#include "tests/support/treebuilder.h"
+
+namespace {
+
+using T = TreeItem;
+
+RunResult Dtldump(const std::vector<std::string>& args, const std::string& cwd = "") {
+    return RunProgram(DtldumpPath(), args, {.cwd = cwd});
+}
+
+// The output's lines with each run of blanks made one blank, for checking
+// table rows without their alignment.
+std::set<std::string> Rows(const std::string& text) {
+    std::set<std::string> rows;
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);) {
+        std::istringstream words(line);
+        std::string row;
+        for (std::string word; words >> word;) row += (row.empty() ? "" : " ") + word;
+        rows.insert(row);
+    }
+    return rows;
+}
+
+// Runs a Python program on text and returns what it prints ("" and a test
+// failure when it fails): the real parsers of the formats.
+std::string Python(const std::string& program, const std::string& input) {
+    RunResult run = RunProgram("python3", {"-c", program}, {.input = input});
+    EXPECT_EQ(run.status, 0) << run.err;
+    return run.out;
+}
+
+const char* const JSON_FIELDS = R"(import json, sys
+doc = json.loads(sys.stdin.buffer.read())
+for path in sys.argv[1:] if len(sys.argv) > 1 else []:
+    pass
+def walk(v, key=''):
+    if isinstance(v, dict):
+        for k, x in v.items(): walk(x, key + '.' + k if key else k)
+    elif isinstance(v, list):
+        for i, x in enumerate(v): walk(x, key + '[' + str(i) + ']')
+    else:
+        print(key + '=' + json.dumps(v, ensure_ascii=False))
+walk(doc))";
+
+// A scan with a directory whose name needs escaping in every format.
+FakeScan OddScan() {
+    FakeScan s = SampleScan();
+    const std::string odd = "o,d\"d\nname\xff";
+    s.dirs[0].entries.push_back({.name = odd, .mode = S_IFDIR | 0755, .size = 4096, .links = 2, .inode = 30});
+    s.dirs.push_back(
+        {"/" + odd, {{.name = "big.Bin", .size = 70000, .inode = 31, .atime = 1500000000, .mtime = 1500000000}}});
+    return s;
+}
+
+TEST(DtldumpCommands, ReadTheCommandLineAsDocumented) {
+    ScopedTempDir dir;
+    WriteFile(dir / "s.dtl", BuildDetail(SampleScan()).bytes);
+    WriteFile(dir / "top", BuildDetail(SampleScan()).bytes);  // a file named like a command
+    struct Case {
+        std::vector<std::string> args;
+        int status;
+        std::string out, err;  // each must be found in its stream
+    } cases[] = {
+        {{"--help"}, 0, "  top      the largest directories", ""},
+        {{"--help"}, 0, "write ./top for a file named top", ""},
+        {{"top", "--help"}, 0, "usage: dtldump [--json] [--summary] FILE", ""},
+        {{"./top"}, 0, "Structure: sound", ""},
+        {{"--summary", "top"}, 0, "Structure: sound", ""},  // the old form takes it as a file
+        {{"--", "top"}, 0, "Structure: sound", ""},
+        {{"top", "-n1", "--depth=0", "s.dtl"}, 0, "/data\n", ""},
+        {{"top"}, 1, "", "dtldump: top takes one detail file\nusage:"},
+        {{"top", "s.dtl", "s.dtl"}, 1, "", "top takes one detail file"},
+        {{"diff", "s.dtl"}, 1, "", "diff takes two detail files: OLD NEW"},
+        {{"top", "--by", "bogus", "s.dtl"}, 1, "", "--by takes size or entries, not 'bogus'"},
+        {{"owners", "--depth", "2", "s.dtl"}, 1, "", "option '--depth' does not apply to owners"},
+        {{"export", "--format=xml", "s.dtl"}, 1, "", "--format takes csv or ndjson, not 'xml'"},
+        {{"age", "--buckets", "1y,1m", "s.dtl"}, 1, "", "ages must grow from left to right: '1m' follows '1y'"},
+        {{"age", "--cold", "soon", "s.dtl"}, 1, "", "'soon' is not an age such as 30d, 6m or 2y"},
+        {{"top", "-n", "x", "s.dtl"}, 1, "", "'x' is not a count"},
+        {{"top", "--bogus", "s.dtl"}, 1, "", "unknown option '--bogus'"},
+        {{"top", "--partial=yes", "s.dtl"}, 1, "", "option '--partial' takes no value"},
+        {{"types", "missing.dtl"}, 1, "", "dtldump: missing.dtl: cannot open: No such file or directory\n"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(testing::PrintToString(c.args));
+        RunResult run = Dtldump(c.args, dir.path);
+        EXPECT_EQ(run.status, c.status) << run.err;
+        EXPECT_NE(run.out.find(c.out), std::string::npos) << run.out;
+        EXPECT_NE(run.err.find(c.err), std::string::npos) << run.err;
+        if (c.status) {
+            EXPECT_EQ(run.out, "");
+        }
+    }
+}
+
+// The tables and JSON of each report on a built file whose figures are
+// known: rows as they read with their blanks collapsed, JSON members.
+TEST(DtldumpCommands, PrintTablesAndJsonOfTheFigures) {
+    ScopedTempDir dir;
+    std::string path = dir / "odd.dtl";
+    WriteFile(path, BuildDetail(OddScan()).bytes);
+    struct Case {
+        std::vector<std::string> args;
+        std::vector<std::string> rows;  // in the text, blanks collapsed
+        std::vector<std::string> json;  // members of the --json output, flattened
+    } cases[] = {
+        {{"top"},
+         {"SIZE BYTES ENTRIES FILES DIRS PATH", "88.5 KiB 90648 12 7 5 /data",
+          "68.4 KiB 70000 1 1 0 /data/o,d\"d\\nname\\xff", "4.01 KiB 4103 3 2 1 /data/a",
+          "Largest directories by size"},
+         {"totalFileSize=90648", "directories[0].bytes=90648",
+          "directories[1].path=\"/data/o,d\\\"d\\nname\xEF\xBF\xBD\"",
+          "directories[1].pathHex=\"2f646174612f6f2c642264"
+          "0a6e616d65ff\"",
+          "directories[1].logicalPath=\"/o,d\\\"d\\nname\xEF\xBF\xBD\"", "directories[2].entries=3",
+          "directories[2].dirs=1", "partial=null", "complete=true"}},
+        {{"top", "--by", "entries", "--depth", "0"}, {"88.5 KiB 90648 12 7 5 /data"}, {"by=\"entries\"", "depth=0"}},
+        {{"owners"},
+         {"UID USER ENTRIES FILES DIRS SIZE BYTES", "GID GROUP ENTRIES FILES DIRS SIZE BYTES"},
+         {"users[0].id=1000", "users[0].entries=12", "users[0].files=7", "users[0].dirs=5", "users[0].bytes=90648",
+          "groups[0].id=100", "usersOthers=null"}},
+        {{"owners", "-n", "0"}, {"(1 more) 12 7 5 88.5 KiB 90648"}, {"usersOthers.count=1", "usersOthers.bytes=90648"}},
+        {{"types"},
+         {"file 5 68.5 KiB 70157", "directory 5 20.0 KiB 20480", "symbolic link 1 11 B 11", "other 1 0 B 0",
+          "(none) 4 157 B 157 0.2%", ".bin 1 68.4 KiB 70000 99.8%"},
+         {"kinds[0].kind=\"file\"", "kinds[0].entries=5", "extensions[0].extension=\"bin\"", "extensions[1].files=4"}},
+        {{"age", "--buckets", "1d,10y"},
+         {"AGE MODIFIED SIZE BYTES ACCESSED SIZE BYTES", "< 1d 6 168 B 168 6 168 B 168",
+          "1d - 10y 1 68.4 KiB 70000 1 68.4 KiB 70000", ">= 10y 0 0 B 0 0 0 B 0", "68.4 KiB 70000 1 77.2% /data",
+          "68.4 KiB 70000 1 100.0% /data/o,d\"d\\nname\\xff"},
+         {"modified[1].fromSec=86400", "modified[1].toSec=315576000", "modified[2].toSec=null", "accessed[0].files=6",
+          "coldDirectories[0].coldBytes=70000", "coldDirectories[1].coldFiles=1", "cold=\"1y\""}},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(testing::PrintToString(c.args));
+        std::vector<std::string> args = c.args;
+        args.push_back(path);
+        RunResult text = Dtldump(args);
+        ASSERT_EQ(text.status, 0) << text.err;
+        std::set<std::string> rows = Rows(text.out);
+        for (const std::string& row : c.rows) EXPECT_TRUE(rows.count(row)) << row << "\nin\n" << text.out;
+        args.insert(args.begin() + 1, "--json");
+        RunResult json = Dtldump(args);
+        ASSERT_EQ(json.status, 0) << json.err;
+        std::set<std::string> members = Rows(Python(JSON_FIELDS, json.out));
+        for (const std::string& m : c.json) EXPECT_TRUE(members.count(m)) << m << "\nin\n" << json.out;
+    }
+}
+
+// What the export must say of one entry, from the test's walk: the exact
+// path and target bytes in hexadecimal, then every other column.
+std::string ExpectedRow(const std::string& root, const SeenEntry& e) {
+    std::string full = root + e.path, target;
+    char link[PATH_MAX];
+    ssize_t n = S_ISLNK(e.st.st_mode) ? readlink(full.c_str(), link, sizeof link) : 0;
+    if (n > 0) target.assign(link, static_cast<size_t>(n));
+    auto hex = [](const std::string& bytes) {
+        std::string out;
+        char two[3];
+        for (unsigned char c : bytes) snprintf(two, sizeof two, "%02x", c), out += two;
+        return out;
+    };
+    auto iso = [](time_t t) {
+        char text[32];
+        struct tm tm;
+        strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", gmtime_r(&t, &tm));
+        return std::string(text) + " " + std::to_string(t);
+    };
+    const char* kind = S_ISREG(e.st.st_mode)   ? "file"
+                       : S_ISDIR(e.st.st_mode) ? "dir"
+                       : S_ISLNK(e.st.st_mode) ? "symlink"
+                                               : "fifo";
+    char mode[8];
+    snprintf(mode, sizeof mode, "%04o", e.st.st_mode & 07777);
+    return hex(full) + " " + kind + " " + std::to_string(e.st.st_uid) + " " + std::to_string(e.st.st_gid) + " " + mode +
+           " " + std::to_string(e.st.st_size) + " " + std::to_string(e.st.st_nlink) + " " +
+           std::to_string(static_cast<uint32_t>(e.st.st_ino)) + " " + (e.counted ? "True" : "False") + " " +
+           iso(e.st.st_mtime) + " " + iso(e.st.st_atime) + " " + iso(e.st.st_ctime) + " " + hex(target);
+}
+
+// Both parsers print each row the way ExpectedRow does.
+const char* const READ_CSV = R"(import csv, sys, io
+text = sys.stdin.buffer.read().decode('utf-8')  # strict: the export is always UTF-8
+rows = csv.DictReader(io.StringIO(text, newline=''))
+def raw(row, key):
+    return bytes.fromhex(row[key + 'Hex']) if row[key + 'Hex'] else row[key].encode()
+for r in rows:
+    print(raw(r, 'path').hex(), r['kind'], r['uid'], r['gid'], r['mode'], r['size'], r['links'], r['inode'],
+          r['counted'] == 'true', r['mtime'], r['mtimeSec'], r['atime'], r['atimeSec'], r['ctime'], r['ctimeSec'],
+          raw(r, 'target').hex()))";
+
+const char* const READ_NDJSON = R"(import json, sys
+for line in sys.stdin.buffer.read().decode('utf-8').splitlines():
+    r = json.loads(line)
+    def raw(key):
+        return bytes.fromhex(r[key + 'Hex']) if key + 'Hex' in r else r.get(key, '').encode()
+    print(raw('path').hex(), r['kind'], r['uid'], r['gid'], r['mode'], r['size'], r['links'], r['inode'], r['counted'],
+          r['mtime'], r['mtimeSec'], r['atime'], r['atimeSec'], r['ctime'], r['ctimeSec'], raw('target').hex()))";
+
+TEST(DtldumpCommands, ExportIsReadBackByRealParsersWhateverTheNames) {
+    ScanSpace space;
+    MakeTree(space.root, {{T::FILE, "comma,name", "1"},
+                          {T::FILE, "quote\"name", "22"},
+                          {T::FILE, "new\nline", "333"},
+                          {T::FILE, "cr\rname", ""},
+                          {T::FILE, "tab\tname", ""},
+                          {T::FILE,
+                           "bad\xff"
+                           "byte",
+                           "4444"},
+                          {T::FILE, "caf\xc3\xa9", ""},
+                          {T::FILE, "=1+2", ""},
+                          {T::FILE, "back\\slash", ""},
+                          {T::DIR, "dir,odd\xfe"},
+                          {T::FILE, "dir,odd\xfe/inner\"file", "55555"},
+                          {T::HARDLINK, "dir,odd\xfe/again", "comma,name"},
+                          {T::SYMLINK, "link\xfe", "tar,get\n\xff"},
+                          {T::SYMLINK, "plain-link", "comma,name"},
+                          {T::FIFO, "pipe"}});
+    const std::vector<SeenEntry> seen = WalkTree(space.root);
+    std::string file = space.Scan("scan.dtl");
+    std::multiset<std::string> expected;
+    for (const SeenEntry& e : seen) expected.insert(ExpectedRow(space.root, e));
+    struct Case {
+        std::vector<std::string> args;
+        const char* reader;
+    } cases[] = {
+        {{"export"}, READ_CSV}, {{"export", "--format", "ndjson"}, READ_NDJSON}, {{"export", "--json"}, READ_NDJSON}};
+    for (const Case& c : cases) {
+        SCOPED_TRACE(testing::PrintToString(c.args));
+        std::vector<std::string> args = c.args;
+        args.push_back(file);
+        RunResult run = Dtldump(args);
+        ASSERT_EQ(run.status, 0) << run.err;
+        EXPECT_EQ(run.err, "");
+        std::istringstream got(Python(c.reader, run.out));
+        std::multiset<std::string> rows;
+        for (std::string line; std::getline(got, line);) rows.insert(line);
+        EXPECT_EQ(rows, expected);
+    }
+}
+
+// The length of each record from a file's offset on, counted by hand.
+size_t CompleteEntryRecords(const std::string& bytes, size_t pos) {
+    size_t entries = 0;
+    while (pos + 48 <= bytes.size()) {
+        size_t length = 48 + Le16(bytes, pos + 44) + Le16(bytes, pos + 46);
+        if (pos + length > bytes.size()) break;
+        entries += (Le32(bytes, pos) & 0x80000000u) != 0;
+        pos += length;
+    }
+    return entries;
+}
+
+TEST(DtldumpCommands, RefuseDamagedAndUnfinishedFilesUnlessPartial) {
+    // A real unfinished file: the scan could not write past 20,000 bytes.
+    ScanSpace space;
+    for (int i = 0; i < 300; i++) WriteFile(space.root + "/" + std::to_string(i) + std::string(150, 'x'), "");
+    RunResult run = RunFerrovan({space.root, "-dtl", "idtl.dtl", "-f"}, {.cwd = space.work, .fileSizeLimit = 20000});
+    ASSERT_EQ(run.status, 1);
+    const std::string unfinished = space.work + "/idtl.dtl";
+    const std::string idtl = ReadFile(unfinished);
+    size_t strings = 284;
+    for (int i = 0; i < 3; i++) strings += 2 + Le16(idtl, strings);  // node name, tag, root path
+    const size_t unfinishedEntries = CompleteEntryRecords(idtl, strings);
+    ASSERT_GT(unfinishedEntries, 50u);
+
+    const FakeFile sample = BuildDetail(SampleScan());
+    std::string damaged = sample.bytes;
+    PutLe(damaged, sample.recordPos.at("dir:/a/c") + 32, 1, 8);
+    ScopedTempDir dir;
+    const std::string sound = dir / "sound.dtl", cut = dir / "cut.dtl", bad = dir / "bad.dtl";
+    WriteFile(sound, sample.bytes);
+    WriteFile(cut, sample.bytes.substr(0, sample.recordPos.at("dir:/b") + 30));
+    WriteFile(bad, damaged);
+    struct Input {
+        std::string path;
+        size_t entries;        // entry records before the fault
+        std::string noteSays;  // besides the number of entries; "" for the fault's message
+    } inputs[] = {
+        {unfinished, unfinishedEntries, "the scan that wrote this file did not complete"}, {cut, 9, ""}, {bad, 9, ""}};
+    for (const Input& in : inputs) {
+        DtlFault fault;
+        ASSERT_FALSE(DtlCheckFile(in.path.c_str(), &fault));
+        const std::string refusal =
+            "dtldump: " + in.path + ": offset " + std::to_string(fault.offset) + ": " + fault.message + "\n";
+        for (const char* command : {"top", "owners", "age", "types", "export", "diff"}) {
+            SCOPED_TRACE(std::string(command) + " " + in.path);
+            std::vector<std::string> args = {command, in.path};
+            if (args[0] == "diff") args.insert(args.begin() + 1, {"--force", sound});
+            RunResult refused = Dtldump(args);
+            EXPECT_EQ(refused.status, 1);
+            EXPECT_EQ(refused.err, refusal);
+            if (args[0] != "export") {
+                EXPECT_EQ(refused.out, "");
+            }
+
+            args.insert(args.begin() + 1, "--partial");
+            RunResult partial = Dtldump(args);
+            EXPECT_EQ(partial.status, 0) << partial.err;
+            std::string note = args[0] == "export" ? partial.err : partial.out;
+            EXPECT_NE(note.find("PARTIAL: "), std::string::npos) << note;
+            EXPECT_NE(note.find(in.noteSays.empty() ? fault.message : in.noteSays), std::string::npos) << note;
+            EXPECT_NE(note.find("cover only the " + std::to_string(in.entries) + " entry records"), std::string::npos)
+                << note;
+            if (args[0] == "export") {
+                EXPECT_EQ(static_cast<size_t>(std::count(partial.out.begin(), partial.out.end(), '\n')),
+                          1 + in.entries);
+            }
+        }
+    }
+}
+
+TEST(DtldumpCommands, GiveTheSameReportsForACompressedFile) {
+    ScopedTempDir dir;
+    std::string plain = dir / "plain.dtl", packed = dir / "packed.dtl";
+    WriteFile(plain, BuildDetail(OddScan()).bytes);
+    ASSERT_EQ(compressFile(plain.c_str(), packed.c_str()), 0);
+    for (const char* command : {"top", "owners", "age", "types", "export", "diff"}) {
+        for (bool json : {false, true}) {
+            SCOPED_TRACE(std::string(command) + (json ? " --json" : ""));
+            auto args = [&](const std::string& path) {
+                std::vector<std::string> a = {command, path};
+                if (a[0] == "diff") a.insert(a.begin() + 1, path);
+                if (json) a.insert(a.begin() + 1, "--json");
+                return a;
+            };
+            RunResult a = Dtldump(args(plain)), b = Dtldump(args(packed));
+            ASSERT_EQ(b.status, 0) << b.err;
+            std::string expected = a.out;
+            for (size_t at; (at = expected.find("plain.dtl")) != std::string::npos;) {
+                expected.replace(at, 9, "packed.dtl");
+                at = expected.find_first_of(",\n", at);
+                expected.insert(at, json ? "" : " (compressed)");
+            }
+            for (size_t at = 0; (at = expected.find("\"compressed\": false", at)) != std::string::npos;)
+                expected.replace(at, 19, "\"compressed\": true");
+            EXPECT_EQ(b.out, expected);
+        }
+    }
+}
+
+TEST(DtldumpCommands, DiffComparesOnlyScansOfOneRootUnlessForced) {
+    ScopedTempDir dir;
+    FakeScan other = SampleScan();
+    other.rootPath = "/elsewhere";
+    other.dirs[1].entries.pop_back();  // "/a/caf\xe9", 7 bytes
+    other.dirs[3].entries.push_back({.name = "added", .size = 1000, .inode = 40});
+    WriteFile(dir / "a.dtl", BuildDetail(SampleScan()).bytes);
+    WriteFile(dir / "b.dtl", BuildDetail(other).bytes);
+    RunResult refused = Dtldump({"diff", dir / "a.dtl", dir / "b.dtl"});
+    EXPECT_EQ(refused.status, 1);
+    EXPECT_EQ(
+        refused.err,
+        "dtldump: the two scans are of different roots, \"/data\" and \"/elsewhere\"; --force compares them anyway\n");
+    RunResult forced = Dtldump({"diff", "--force", dir / "a.dtl", dir / "b.dtl"});
+    ASSERT_EQ(forced.status, 0) << forced.err;
+    // Each row in the table it belongs to: the tables follow each other.
+    const std::string& out = forced.out;
+    size_t grew = out.find("Grew most, by size"), shrank = out.find("Shrank most, by size"),
+           appeared = out.find("Appeared (");
+    ASSERT_TRUE(grew < shrank && shrank < appeared) << out;
+    std::set<std::string> before = Rows(out.substr(0, grew)), grown = Rows(out.substr(grew, shrank - grew)),
+                          shrunk = Rows(out.substr(shrank, appeared - shrank));
+    for (const char* row : {"total size 16.2 KiB 17.1 KiB +993 B +993 bytes", "entries 10 10 0",
+                            "Directories: 1 unchanged, 3 changed, 0 appeared, 0 vanished"})
+        EXPECT_TRUE(before.count(row)) << row << "\nin\n" << out;
+    for (const char* row : {"+993 B +993 0 16.2 KiB 17.1 KiB /elsewhere", "+1000 B +1000 +1 0 B 1000 B /elsewhere/b"})
+        EXPECT_TRUE(grown.count(row)) << row << "\nin\n" << out;
+    EXPECT_TRUE(shrunk.count("-7 B -7 -1 4.01 KiB 4.00 KiB /elsewhere/a")) << out;
+    EXPECT_EQ(shrunk.size(), 4u) << out;  // title, blank, header and the one row
+}
+
+}  // namespace

@@ -1,0 +1,277 @@
+// The report figures on real trees: each tree is built, scanned by the real
+// program, and every report's figures are checked against what the test
+// computes from its own walk of the tree.
+#include "reader/report.h"
+
+#include <grp.h>
+#include <gtest/gtest.h>
+#include <pwd.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <ctime>
+#include <functional>
+#include <map>
+
+#include "tests/reader/scantree.h"
+#include "tests/support/treebuilder.h"
+
+namespace {
+
+using T = TreeItem;
+constexpr int64_t DAY = 86400;
+constexpr int64_t YEAR = 31557600;  // 365.25 days
+
+struct Tree {
+    const char* name;
+    std::vector<TreeItem> nodes;
+    std::function<void(const std::string& root)> finish = nullptr;  // owners and times
+};
+
+void Chown(const std::string& path, uid_t uid, gid_t gid) {
+    if (lchown(path.c_str(), uid, gid) != 0) ADD_FAILURE() << "cannot chown " << path;
+}
+
+const Tree TREES[] = {
+    {"kinds, sizes and hard links",
+     {{T::FILE, "small", "0123456789"},
+      {T::DIR, "a"},
+      {T::FILE, "a/big.TXT", std::string(5000, 'x')},
+      {T::SPARSE, "a/sparse.img", "", 1ull << 30},
+      {T::DIR, "a/b"},
+      {T::DIR, "a/b/c"},
+      {T::FILE, "a/b/c/deep.txt", std::string(300, 'd')},
+      {T::FILE, "a/b/notes.md", std::string(70, 'n')},
+      {T::FILE, "a/trailing.", "abc"},
+      {T::FILE, ".hidden", "12345"},
+      {T::FILE, "Makefile", std::string(20, 'm')},
+      {T::SYMLINK, "a/link", "b/c"},
+      {T::FIFO, "pipe"},
+      {T::DIR, "empty"},
+      {T::DIR, "z"},
+      {T::HARDLINK, "z/deep-again.txt", "a/b/c/deep.txt"},  // the walk meets it in /a/b/c or in /z first
+      {T::HARDLINK, "a/big-again.txt", "a/big.TXT"},        // twice in one directory
+      {T::FILE, "z/archive.tar.gz", std::string(900, 'g')},
+      {T::FILE, "z/x.verylongextension17", "e"}}},
+    {"owners",
+     {{T::DIR, "u1"},
+      {T::FILE, "u1/f", std::string(100, 'f')},
+      {T::DIR, "u2"},
+      {T::FILE, "u2/g", std::string(200, 'g')},
+      {T::FILE, "u2/h", std::string(300, 'h')},
+      {T::DIR, "u3"},
+      {T::FILE, "u3/x", std::string(400, 'x')},
+      {T::SYMLINK, "u3/l", "x"}},
+     [](const std::string& root) {
+         Chown(root + "/u1", 1001, 1001);
+         Chown(root + "/u1/f", 1001, 2002);
+         Chown(root + "/u2/g", 65534, 65534);
+         Chown(root + "/u2/h", 65534, 1001);
+         Chown(root + "/u3", 4242, 4343);  // ids no database here names
+         Chown(root + "/u3/x", 4242, 4343);
+         Chown(root + "/u3/l", 1001, 4343);
+     }},
+    {"ages",
+     {{T::DIR, "old"},
+      {T::FILE, "old/ancient", std::string(1000, 'a')},
+      {T::FILE, "old/stale", std::string(2000, 's')},
+      {T::FILE, "old/read-lately", std::string(4000, 'r')},
+      {T::DIR, "old/inner"},
+      {T::FILE, "old/inner/cold", std::string(8000, 'c')},
+      {T::DIR, "new"},
+      {T::FILE, "new/week", std::string(16, 'w')},
+      {T::FILE, "new/fresh", std::string(32, 'f')}},
+     [](const std::string& root) {
+         int64_t now = time(nullptr);
+         SetTimes(root + "/old/ancient", now - 2000 * DAY, now - 2000 * DAY);
+         SetTimes(root + "/old/stale", now - 400 * DAY, now - 500 * DAY);
+         SetTimes(root + "/old/read-lately", now - 3 * DAY, now - 800 * DAY);
+         SetTimes(root + "/old/inner/cold", now - 366 * DAY, now - 700 * DAY);
+         SetTimes(root + "/new/week", now - 10 * DAY, now - 20 * DAY);
+     }},
+};
+
+// The test's own reading of extensions: after the last dot, not first or
+// last, at most 16 bytes, in lower case.
+std::string Extension(const std::string& name) {
+    size_t dot = name.rfind('.');
+    if (dot == std::string::npos || dot == 0 || dot + 1 == name.size() || name.size() - dot - 1 > 16) return "";
+    std::string ext = name.substr(dot + 1);
+    std::transform(ext.begin(), ext.end(), ext.begin(), [](unsigned char c) { return std::tolower(c); });
+    return ext;
+}
+
+int Kind(mode_t mode) {
+    return S_ISREG(mode) ? KIND_FILE : S_ISDIR(mode) ? KIND_DIR : S_ISLNK(mode) ? KIND_SYMLINK : KIND_OTHER;
+}
+
+Figures Of(const Tally& t) { return {t.entries, t.files, t.bytes}; }
+
+void Count(Figures* f, const SeenEntry& e) {
+    f->entries++;
+    f->files += !S_ISDIR(e.st.st_mode);
+    f->bytes += e.counted ? static_cast<uint64_t>(e.st.st_size) : 0;
+}
+
+std::string Name(uint32_t id, bool user) {
+    if (user) {
+        passwd* pw = getpwuid(id);
+        return pw ? pw->pw_name : "";
+    }
+    group* gr = getgrgid(id);
+    return gr ? gr->gr_name : "";
+}
+
+TEST(Report, EveryReportAgreesWithTheTreeItsScanCameFrom) {
+    if (geteuid() != 0) GTEST_SKIP() << "the owners tree needs chown, which needs root";
+    for (const Tree& tree : TREES) {
+        SCOPED_TRACE(tree.name);
+        ScanSpace space;
+        MakeTree(space.root, tree.nodes);
+        if (tree.finish) tree.finish(space.root);
+        const std::vector<SeenEntry> seen = WalkTree(space.root);
+        std::string file = space.Scan("scan.dtl");
+
+        ReportOptions options{.dirs = true, .owners = true, .ages = true, .types = true};
+        std::string error;
+        ASSERT_TRUE(ParseAgeList("7d,30d,1y", &options.ageBounds, &options.ageNames, &error)) << error;
+        ReportScan scan;
+        ASSERT_TRUE(ReadReport(file.c_str(), options, &scan)) << scan.fault.message;
+        EXPECT_TRUE(scan.complete);
+        const int64_t start = scan.log.runTime;
+
+        // top: every directory with everything below it; the root's bytes are the total.
+        std::map<std::string, Figures> dirs = DirectoryFigures(seen);
+        ASSERT_EQ(scan.dirs.size(), dirs.size());
+        for (size_t i = 0; i < scan.dirs.size(); i++) {
+            const DirRow& d = scan.dirs[i];
+            std::string path = DirPath(scan.dirs, i);
+            SCOPED_TRACE(path);
+            EXPECT_EQ(Of(d.total), dirs[path]);
+            EXPECT_EQ(d.depth, static_cast<uint32_t>(std::count(path.begin() + 1, path.end(), '/') + (path != "/")));
+            EXPECT_EQ(d.name, path.substr(path.rfind('/') + 1));
+            std::string parent = path.substr(0, std::max<size_t>(path.rfind('/'), 1));
+            EXPECT_EQ(DirPath(scan.dirs, d.parent), path == "/" ? "/" : parent);
+        }
+        EXPECT_EQ(scan.dirs[0].total.bytes, scan.root.totalFileSize);
+
+        // owners, kinds, extensions, ages and cold files, from the walk.
+        std::map<uint32_t, Figures> users, groups;
+        std::map<int, Figures> kinds;
+        std::map<std::string, Figures> extensions;
+        std::vector<Figures> modified(4), accessed(4);
+        std::map<std::string, Figures> cold;  // directory -> cold files below it
+        const int64_t bounds[] = {7 * DAY, 30 * DAY, YEAR};
+        auto row = [&](int64_t time) {
+            int64_t age = std::max<int64_t>(start - time, 0);
+            return std::upper_bound(std::begin(bounds), std::end(bounds), age) - std::begin(bounds);
+        };
+        for (const SeenEntry& e : seen) {
+            Count(&users[e.st.st_uid], e);
+            Count(&groups[e.st.st_gid], e);
+            Count(&kinds[Kind(e.st.st_mode)], e);
+            if (S_ISREG(e.st.st_mode)) Count(&extensions[Extension(e.name)], e);
+            if (S_ISDIR(e.st.st_mode)) continue;
+            Count(&modified[row(e.st.st_mtime)], e);
+            Count(&accessed[row(e.st.st_atime)], e);
+            if (start - std::max(e.st.st_mtime, e.st.st_atime) < YEAR) continue;
+            for (const auto& [dir, f] : dirs)
+                if (dir == "/" || e.path.compare(0, dir.size() + 1, dir + "/") == 0) Count(&cold[dir], e);
+        }
+        ASSERT_EQ(scan.users.size(), users.size());
+        for (size_t i = 0; i < scan.users.size(); i++) {
+            const OwnerRow& u = scan.users[i];
+            EXPECT_EQ(Of(u.tally), users[u.id]) << "uid " << u.id;
+            EXPECT_EQ(u.name, Name(u.id, true));
+            if (i) {
+                EXPECT_GE(scan.users[i - 1].tally.bytes, u.tally.bytes);
+            }
+        }
+        ASSERT_EQ(scan.groups.size(), groups.size());
+        for (const OwnerRow& g : scan.groups) {
+            EXPECT_EQ(Of(g.tally), groups[g.id]) << "gid " << g.id;
+            EXPECT_EQ(g.name, Name(g.id, false));
+        }
+        for (int k = 0; k < KIND_COUNT; k++) EXPECT_EQ(Of(scan.kinds[k]), kinds[k]) << "kind " << k;
+        ASSERT_EQ(scan.extensions.size(), extensions.size());
+        for (const ExtensionRow& x : scan.extensions) EXPECT_EQ(Of(x.tally), extensions[x.extension]) << x.extension;
+        ASSERT_EQ(scan.ages.size(), 4u);
+        const char* labels[] = {"< 7d", "7d - 30d", "30d - 1y", ">= 1y"};
+        for (size_t i = 0; i < 4; i++) {
+            EXPECT_EQ(scan.ages[i].label, labels[i]);
+            EXPECT_EQ(Of(scan.ages[i].modified), modified[i]) << labels[i];
+            EXPECT_EQ(Of(scan.ages[i].accessed), accessed[i]) << labels[i];
+        }
+        for (size_t i = 0; i < scan.dirs.size(); i++) {
+            std::string path = DirPath(scan.dirs, i);
+            EXPECT_EQ(scan.dirs[i].coldFiles, cold[path].files) << path;
+            EXPECT_EQ(scan.dirs[i].coldBytes, cold[path].bytes) << path;
+        }
+    }
+}
+
+// Two scans of one tree, changed between them: files added, removed and
+// grown, a directory moved; the comparison must say what the test's own
+// walks of the two states say.
+TEST(Report, DiffFindsWhatChangedBetweenTwoScans) {
+    ScanSpace space;
+    MakeTree(space.root, {{T::DIR, "keep"},
+                          {T::FILE, "keep/same", "same"},
+                          {T::DIR, "grow"},
+                          {T::FILE, "grow/log", "1234"},
+                          {T::DIR, "gone"},
+                          {T::DIR, "gone/inner"},
+                          {T::FILE, "gone/inner/f", std::string(70, 'f')},
+                          {T::DIR, "src"},
+                          {T::DIR, "src/moving"},
+                          {T::FILE, "src/moving/m", std::string(50, 'm')},
+                          {T::FILE, "src/removed", std::string(30, 'r')}});
+    std::vector<SeenEntry> before = WalkTree(space.root);
+    std::string oldFile = space.Scan("old.dtl");
+    ASSERT_EQ(system(("cd " + space.root +
+                      " && echo more >> grow/log && rm -r gone && rm src/removed && "
+                      "mv src/moving moved && mkdir -p fresh/sub && echo new > fresh/sub/n && echo x > grow/added")
+                         .c_str()),
+              0);
+    std::vector<SeenEntry> after = WalkTree(space.root);
+    std::string newFile = space.Scan("new.dtl");
+
+    ReportScan a, b;
+    ASSERT_TRUE(ReadReport(oldFile.c_str(), {.dirs = true}, &a)) << a.fault.message;
+    ASSERT_TRUE(ReadReport(newFile.c_str(), {.dirs = true}, &b)) << b.fault.message;
+    ScanDiff diff = DiffScans(a, b);
+
+    std::map<std::string, Figures> was = DirectoryFigures(before), is = DirectoryFigures(after);
+    std::map<std::string, std::pair<Figures, Figures>> changed;
+    std::map<std::string, Figures> appeared, vanished;
+    for (const auto& [path, f] : is) {
+        std::string parent = path.substr(0, std::max<size_t>(path.rfind('/'), 1));
+        if (!was.count(path) && (path == "/" || was.count(parent))) appeared[path] = f;
+        if (was.count(path) && (was[path].bytes != f.bytes || was[path].entries != f.entries))
+            changed[path] = {was[path], f};
+    }
+    for (const auto& [path, f] : was) {
+        std::string parent = path.substr(0, std::max<size_t>(path.rfind('/'), 1));
+        if (!is.count(path) && is.count(parent)) vanished[path] = f;
+    }
+    // The test's picture must itself show each kind of change.
+    ASSERT_EQ(appeared.size(), 2u);  // /fresh (with /fresh/sub inside) and /moved
+    ASSERT_EQ(vanished.size(), 2u);  // /gone (with /gone/inner) and /src/moving
+    ASSERT_TRUE(changed.count("/grow") && changed.count("/src") && !changed.count("/keep"));
+
+    std::map<std::string, std::pair<Figures, Figures>> gotChanged;
+    for (const DiffRow& r : diff.changed) gotChanged[r.path] = {Of(r.before), Of(r.after)};
+    EXPECT_EQ(gotChanged, changed);
+    std::map<std::string, Figures> gotAppeared, gotVanished;
+    for (const DiffRow& r : diff.appeared) gotAppeared[r.path] = Of(r.after);
+    for (const DiffRow& r : diff.vanished) gotVanished[r.path] = Of(r.before);
+    EXPECT_EQ(gotAppeared, appeared);
+    EXPECT_EQ(gotVanished, vanished);
+    EXPECT_EQ(diff.appearedDirs, 3u);
+    EXPECT_EQ(diff.vanishedDirs, 3u);
+    EXPECT_EQ(diff.unchanged, 1u);  // /keep
+    for (const DiffRow& r : diff.appeared) EXPECT_EQ(r.dirsInside, r.path == "/fresh" ? 1u : 0u) << r.path;
+    for (const DiffRow& r : diff.vanished) EXPECT_EQ(r.dirsInside, r.path == "/gone" ? 1u : 0u) << r.path;
+}
+
+}  // namespace
