@@ -114,7 +114,7 @@ RunResult RunFerrovan(const std::vector<std::string>& args, const RunOptions& op
     return RunProgram(FerrovanPath(), args, options);
 }
 
-static uint16_t Le16(const std::string& b, size_t o) {
+uint16_t Le16(const std::string& b, size_t o) {
     return static_cast<uint16_t>(static_cast<uint8_t>(b.at(o)) | static_cast<uint8_t>(b.at(o + 1)) << 8);
 }
 

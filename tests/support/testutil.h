@@ -90,5 +90,6 @@ std::string WrittenTo(FILE*& stream, Op op) {
 }
 
 /// Little-endian readers for checking binary layouts.
+uint16_t Le16(const std::string& bytes, size_t offset);
 uint32_t Le32(const std::string& bytes, size_t offset);
 uint64_t Le64(const std::string& bytes, size_t offset);
