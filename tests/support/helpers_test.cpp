@@ -47,21 +47,39 @@ TEST(Cp, CopiesExactlyAndReportsFailures) {
     EXPECT_FALSE(PathExists(dir / "copy"));
 }
 
-TEST(DefinedTempName, UsesTheTemporaryDirectoryAndAShortPrefix) {
-    char* a = DefinedTempName("kpage.tmp");
-    char* b = DefinedTempName("kpage.tmp");
-    std::string name(a);
-    EXPECT_EQ(name.rfind(std::string(P_tmpdir) + "/kpage", 0), 0u) << name;
-    EXPECT_EQ(name.size(), strlen(P_tmpdir) + 1 + 5 + 6);
-    EXPECT_STRNE(a, b);
-    free(a);
-    free(b);
-
-    ScopedTempDir dir;
-    tempDir = dir.path.data();
-    tempId = const_cast<char*>("run");
-    char* c = DefinedTempName("tpage.tmp");
-    EXPECT_EQ(std::string(c).rfind(dir.path + "/run.t", 0), 0u) << c;
-    free(c);
-    tempDir = tempId = nullptr;
+TEST(DefinedTempName, ChoosesTheDirectoryAsTempnamDoesWithAShortPrefix) {
+    ScopedTempDir env, given;
+    const std::string system = P_tmpdir, missing = env / "missing", slashed = env.path + "/";
+    struct Case {
+        const char* what;
+        const char* tmpdir;  // TMPDIR; null: unset
+        const char* dir;     // tempDir
+        const char* id;      // tempId
+        std::string expectedPrefix;
+    } cases[] = {
+        {"neither", nullptr, nullptr, nullptr, system + "/kpage"},
+        {"the directory given", nullptr, given.path.c_str(), nullptr, given / "kpage"},
+        {"TMPDIR before the directory given", env.path.c_str(), given.path.c_str(), nullptr, env / "kpage"},
+        {"TMPDIR alone", env.path.c_str(), nullptr, nullptr, env / "kpage"},
+        {"TMPDIR with a slash at its end", slashed.c_str(), nullptr, nullptr, env / "kpage"},
+        {"TMPDIR that is no directory", missing.c_str(), given.path.c_str(), nullptr, given / "kpage"},
+        {"neither is a directory", missing.c_str(), missing.c_str(), nullptr, system + "/kpage"},
+        {"an empty TMPDIR", "", nullptr, nullptr, system + "/kpage"},
+        {"the id before the base", nullptr, given.path.c_str(), "run", given / "run.k"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        ScopedEnv tmpdir("TMPDIR", c.tmpdir);
+        tempDir = const_cast<char*>(c.dir);
+        tempId = const_cast<char*>(c.id);
+        char* a = DefinedTempName("kpage.tmp");
+        char* b = DefinedTempName("kpage.tmp");
+        std::string name(a);
+        EXPECT_EQ(name.rfind(c.expectedPrefix, 0), 0u) << name;
+        EXPECT_EQ(name.size(), c.expectedPrefix.size() + 6) << name;
+        EXPECT_STRNE(a, b);
+        free(a);
+        free(b);
+        tempDir = tempId = nullptr;
+    }
 }
