@@ -3,7 +3,7 @@
 # Usage: scripts/setup.sh [extra package ...]
 set -euo pipefail
 
-packages=(g++ cmake ninja-build libgtest-dev libgmock-dev zlib1g-dev python3 "$@")
+packages=(g++ cmake ninja-build libgtest-dev libgmock-dev zlib1g-dev libdeflate-dev python3 "$@")
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")
