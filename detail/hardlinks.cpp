@@ -9,75 +9,82 @@
 TreeHeader* hlinkTree = nullptr;
 size_t hlinkHashBudget = HLINK_HASH_BUDGET;
 
-// The hash table: linear probing over an array of keys, with each key's data
-// in a parallel array, so that a probe reads 16 keys to a cache line and the
-// data is touched only on a hit. Key 0 marks a free slot; inode 0 (whose low
-// 32 bits are 0) is kept apart.
+// The hash table: linear probing over one array of 20-byte slots, each key
+// with its data, so that a lookup mostly costs one cache miss (entries of a
+// snapshot farm hit inodes all over the table). Key 0 marks a free slot;
+// inode 0 (whose low 32 bits are 0) is kept apart.
 //
 // A paged B-tree pays a search that misses and an insertion for every first
 // sight, each level comparing against key slots in other nodes; directories
-// alone give one first sight per directory. The hash table costs one or two
-// cache lines per lookup.
-static uint32_t* keys = nullptr;
-static HardLinkInfo* infos = nullptr;
-static uint32_t capacity = 0;     // slots in both arrays; 0 = no hash table
+// alone give one first sight per directory.
+struct HashSlot {
+    uint32_t key;
+    uint32_t linkCount;
+    uint32_t seenCount;
+    uint32_t lastEntryPos[2];  // low and high halves: the slot stays 20 bytes
+};
+static_assert(sizeof(HashSlot) == HLINK_SLOT_BYTES);
+
+static HashSlot* slots = nullptr;
+static uint32_t capacity = 0;     // slots; 0 = no hash table
 static uint32_t maxCapacity = 0;  // the most slots the budget allows
-static uint32_t used = 0;         // keys held in the arrays
+static uint32_t used = 0;         // keys held in slots
 static bool zeroHeld = false;
 static HardLinkInfo zeroInfo;
+
+static uint64_t LastEntryPos(const HashSlot& slot) {
+    return uint64_t{slot.lastEntryPos[1]} << 32 | slot.lastEntryPos[0];
+}
+
+static void SetLastEntryPos(HashSlot& slot, uint64_t pos) {
+    slot.lastEntryPos[0] = static_cast<uint32_t>(pos);
+    slot.lastEntryPos[1] = static_cast<uint32_t>(pos >> 32);
+}
 
 constexpr uint32_t FIRST_CAPACITY = 4096;
 
 // A table at most three quarters full keeps probe runs short and always has
 // a free slot, which ends every probe.
-static bool Full(uint32_t keysHeld, uint32_t slots) { return uint64_t{keysHeld} * 4 >= uint64_t{slots} * 3; }
+static bool Full(uint32_t keysHeld, uint32_t size) { return uint64_t{keysHeld} * 4 >= uint64_t{size} * 3; }
 
 // Multiplicative hashing spreads the nearly consecutive inode numbers of a
 // file system; the product's high bits pick a slot in a table of any size.
-static inline uint32_t Home(uint32_t key, uint32_t slots) {
-    return static_cast<uint32_t>((uint64_t{key * 0x9E3779B1u} * slots) >> 32);
+static inline uint32_t Home(uint32_t key, uint32_t size) {
+    return static_cast<uint32_t>((uint64_t{key * 0x9E3779B1u} * size) >> 32);
 }
 
 // The slot holding key, or the free slot where it belongs.
-static inline uint32_t Probe(const uint32_t* table, uint32_t slots, uint32_t key) {
-    uint32_t i = Home(key, slots);
-    while (table[i] != key && table[i] != 0) {
-        if (++i == slots) i = 0;
+static inline uint32_t Probe(const HashSlot* table, uint32_t size, uint32_t key) {
+    uint32_t i = Home(key, size);
+    while (table[i].key != key && table[i].key != 0) {
+        if (++i == size) i = 0;
     }
     return i;
 }
 
-static void Allocate(uint32_t slots) {
-    keys = static_cast<uint32_t*>(GetMem(size_t{slots} * sizeof *keys, "hard link table"));
-    infos = static_cast<HardLinkInfo*>(GetMem(size_t{slots} * sizeof *infos, "hard link table"));
-    capacity = slots;
+static void Allocate(uint32_t size) {
+    slots = static_cast<HashSlot*>(GetMem(size_t{size} * sizeof *slots, "hard link table"));
+    capacity = size;
 }
 
 static void Release() {
-    free(keys);
-    free(infos);
-    keys = nullptr;
-    infos = nullptr;
+    free(slots);
+    slots = nullptr;
     capacity = used = 0;
 }
 
-// Moves every key into arrays of the given size.
-static void Grow(uint32_t slots) {
-    uint32_t* oldKeys = keys;
-    HardLinkInfo* oldInfos = infos;
+// Moves every key into a table of the given size.
+static void Grow(uint32_t size) {
+    HashSlot* old = slots;
     uint32_t oldCapacity = capacity;
-    Allocate(slots);
+    Allocate(size);
     for (uint32_t i = 0; i < oldCapacity; i++) {
-        if (oldKeys[i] == 0) continue;
-        uint32_t at = Probe(keys, capacity, oldKeys[i]);
-        keys[at] = oldKeys[i];
-        infos[at] = oldInfos[i];
+        if (old[i].key != 0) slots[Probe(slots, capacity, old[i].key)] = old[i];
     }
-    free(oldKeys);
-    free(oldInfos);
+    free(old);
 }
 
-// Room for one more key: grows the arrays while the budget allows.
+// Room for one more key: grows the table while the budget allows.
 // False when the table is full for good.
 static bool MakeRoom() {
     if (!Full(used + 1, capacity)) return true;
@@ -109,27 +116,36 @@ void HardLinksFree() {
     zeroHeld = false;
 }
 
-// The data the table holds for inode, or null. A pointer into hlinkTree
-// stays valid only until the tree's next call.
-static HardLinkInfo* Lookup(uint32_t inode) {
-    if (capacity != 0) {
-        if (inode == 0) {
-            if (zeroHeld) return &zeroInfo;
-        } else {
-            uint32_t at = Probe(keys, capacity, inode);
-            if (keys[at] == inode) return &infos[at];
-        }
-    }
-    // Only inodes that came after the hash table was full are in the tree.
+// The slot holding inode in the hash table, or null.
+static inline HashSlot* Hashed(uint32_t inode) {
+    if (capacity == 0 || inode == 0) return nullptr;
+    HashSlot* slot = &slots[Probe(slots, capacity, inode)];
+    return slot->key == inode ? slot : nullptr;
+}
+
+// What hlinkTree holds for inode, or null; valid until the tree's next call.
+// Only inodes that came after the hash table was full are in the tree.
+static HardLinkInfo* InTree(uint32_t inode) {
     if (hlinkTree->rootNode == 0) return nullptr;
     KeySlot* slot = TreeSearch(hlinkTree, &inode, sizeof inode);
     return slot ? static_cast<HardLinkInfo*>(TreeSlotData(slot)) : nullptr;
 }
 
+static HardLinkInfo* ZeroHeld(uint32_t inode) { return capacity != 0 && inode == 0 && zeroHeld ? &zeroInfo : nullptr; }
+
 // Runs once per entry with two or more links: no allocation but the rare
 // growth of the hash table, no system call until the tree takes inodes.
 uint64_t HardLinkNote(uint32_t inode, uint32_t linkCount, uint64_t entryPos, bool* first) {
-    if (HardLinkInfo* info = Lookup(inode)) {
+    if (HashSlot* slot = Hashed(inode)) {
+        uint64_t prev = LastEntryPos(*slot);
+        slot->seenCount++;
+        SetLastEntryPos(*slot, entryPos);
+        *first = false;
+        return prev;
+    }
+    HardLinkInfo* info = ZeroHeld(inode);
+    if (!info) info = InTree(inode);
+    if (info) {
         uint64_t prev = info->lastEntryPos;
         info->seenCount++;
         info->lastEntryPos = entryPos;
@@ -142,9 +158,9 @@ uint64_t HardLinkNote(uint32_t inode, uint32_t linkCount, uint64_t entryPos, boo
         zeroInfo = fresh;
         zeroHeld = true;
     } else if (capacity != 0 && MakeRoom()) {
-        uint32_t at = Probe(keys, capacity, inode);
-        keys[at] = inode;
-        infos[at] = fresh;
+        HashSlot& slot = slots[Probe(slots, capacity, inode)];
+        slot = HashSlot{inode, linkCount, 1, {}};
+        SetLastEntryPos(slot, entryPos);
         used++;
     } else {
         TreeAddKey(hlinkTree, &inode, sizeof inode, &fresh);
@@ -153,7 +169,12 @@ uint64_t HardLinkNote(uint32_t inode, uint32_t linkCount, uint64_t entryPos, boo
 }
 
 bool HardLinkFind(uint32_t inode, HardLinkInfo* info) {
-    const HardLinkInfo* held = Lookup(inode);
+    if (const HashSlot* slot = Hashed(inode)) {
+        *info = HardLinkInfo{LastEntryPos(*slot), slot->linkCount, slot->seenCount};
+        return true;
+    }
+    const HardLinkInfo* held = ZeroHeld(inode);
+    if (!held) held = InTree(inode);
     if (held) *info = *held;
     return held != nullptr;
 }

@@ -24,7 +24,7 @@ static_assert(offsetof(HardLinkInfo, lastEntryPos) == 0);
 static_assert(offsetof(HardLinkInfo, linkCount) == 8);
 static_assert(offsetof(HardLinkInfo, seenCount) == 12);
 
-/// Bytes of one hash-table slot: the 4-byte key and its HardLinkInfo.
+/// Bytes of one hash-table slot: the 4-byte key and the 16 bytes of a HardLinkInfo.
 constexpr size_t HLINK_SLOT_BYTES = sizeof(uint32_t) + sizeof(HardLinkInfo);
 
 /// The hash table's default budget: the key-node memory hlinkTree is given,
