@@ -89,8 +89,8 @@ static void Grow(uint32_t size) {
 static bool MakeRoom() {
     if (!Full(used + 1, capacity)) return true;
     if (capacity >= maxCapacity) return false;
-    uint64_t slots = uint64_t{capacity} * 2;
-    Grow(static_cast<uint32_t>(slots < maxCapacity ? slots : maxCapacity));
+    uint64_t doubled = uint64_t{capacity} * 2;
+    Grow(static_cast<uint32_t>(doubled < maxCapacity ? doubled : maxCapacity));
     return !Full(used + 1, capacity);
 }
 
