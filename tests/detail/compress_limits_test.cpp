@@ -101,9 +101,10 @@ TEST(CompressionLimits, FilesOf4GiBAndMoreAreCompressedWhole) {
         GTEST_SKIP() << "the file system of " << dir.path << " holds no file of " << size << " bytes ("
                      << strerror(errno) << ")";
     }
-    const std::vector<std::pair<uint64_t, std::string>> marks = {
-        {0, "FDTL"}, {(uint64_t{1} << 32) - 5, "across the 4 GiB line"}, {(uint64_t{1} << 32) + 4096, "beyond"},
-        {size - 4, "end!"}};
+    const std::vector<std::pair<uint64_t, std::string>> marks = {{0, "FDTL"},
+                                                                 {(uint64_t{1} << 32) - 5, "across the 4 GiB line"},
+                                                                 {(uint64_t{1} << 32) + 4096, "beyond"},
+                                                                 {size - 4, "end!"}};
     for (const auto& [at, text] : marks)
         ASSERT_EQ(pwrite(fd, text.data(), text.size(), static_cast<off_t>(at)), static_cast<ssize_t>(text.size()));
     close(fd);
