@@ -1,16 +1,20 @@
 #include "detail/compress.h"
 
 #include <fcntl.h>
+#include <libdeflate.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <zlib.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <csetjmp>
+#include <csignal>
+#include <cstdint>
 #include <cstdio>
 
-// One compression or decompression at a time: the buffers and the stream
-// state are shared by both directions.
+// One decompression at a time: the buffers and the stream state are shared.
 static unsigned char s_inbuf[COMPRESS_BUFFER_SIZE];
 static unsigned char s_outbuf[COMPRESS_BUFFER_SIZE];
 static z_stream g_deflator;
@@ -87,60 +91,128 @@ static void PutBigEndian32(unsigned char* p, uint32_t v) {
     p[3] = static_cast<unsigned char>(v);
 }
 
-// zlib's own wrapper would encode the level in the second header byte, and
-// readers recognise a compressed file by 0x78 0x01 alone; so the stream is
-// raw deflate between a header and an Adler-32 trailer written here.
-static int DeflateLoop(int in, uint64_t size, int out) {
-    z_stream& z = g_deflator;
-    s_outbuf[0] = ZLIB_HEADER_0;
-    s_outbuf[1] = ZLIB_HEADER_1;
-    z.next_out = s_outbuf + 2;
-    z.avail_out = COMPRESS_BUFFER_SIZE - 2;
-    uLong adler = adler32(0, nullptr, 0);
-    uint64_t remaining = size;
-    for (;;) {
-        if (z.avail_in == 0 && remaining > 0) {
-            size_t got;
-            if (!NextChunk(in, &remaining, &got)) return 1;
-            adler = adler32(adler, s_inbuf, static_cast<uInt>(got));
-            z.next_in = s_inbuf;
-            z.avail_in = static_cast<uInt>(got);
+// The maps of one compression, for the bus-error guard: writing into a mapped
+// file takes its blocks as the pages are first touched, and a file system
+// that has no room left then raises SIGBUS instead of returning ENOSPC (a
+// file that shrinks under the input map does the same).
+static const unsigned char* volatile guardIn;
+static const unsigned char* volatile guardInEnd;
+static const unsigned char* volatile guardOut;
+static const unsigned char* volatile guardOutEnd;
+static sigjmp_buf faultJump;
+static volatile sig_atomic_t faultIn;  // 1: the input map, 2: the output map
+static struct sigaction previousBusAction;
+
+static void OnBusError(int, siginfo_t* info, void*) {
+    const auto* at = static_cast<const unsigned char*>(info->si_addr);
+    faultIn = at >= guardOut && at < guardOutEnd ? 2 : at >= guardIn && at < guardInEnd ? 1 : 0;
+    if (faultIn != 0) siglongjmp(faultJump, 1);
+    // Not one of ours: the fault repeats under the action that was there.
+    sigaction(SIGBUS, &previousBusAction, nullptr);
+}
+
+// Header, raw deflate and Adler-32 trailer into the output map, with the
+// guard on. Returns the stream's length; 0 when a map faulted (*fault: 1
+// input, 2 output) or when the deflater found no room (which the bound rules
+// out).
+static size_t DeflateGuarded(libdeflate_compressor* compressor, const unsigned char* input, size_t size,
+                             unsigned char* output, size_t room, int* fault) {
+    guardIn = input;
+    guardInEnd = input + size;
+    guardOut = output;
+    guardOutEnd = output + room;
+    struct sigaction guard{};
+    guard.sa_sigaction = OnBusError;
+    guard.sa_flags = SA_SIGINFO;
+    sigemptyset(&guard.sa_mask);
+    sigaction(SIGBUS, &guard, &previousBusAction);
+    volatile size_t length = 0;
+    faultIn = 0;
+    if (sigsetjmp(faultJump, 1) == 0) {
+        output[0] = ZLIB_HEADER_0;
+        output[1] = ZLIB_HEADER_1;
+        size_t packed = libdeflate_deflate_compress(compressor, input, size, output + 2, room - 6);
+        if (packed != 0) {
+            PutBigEndian32(output + 2 + packed, libdeflate_adler32(1, input, size));
+            length = packed + 6;
         }
-        int status = deflate(&z, remaining == 0 ? Z_FINISH : Z_NO_FLUSH);
-        if (status != Z_OK && status != Z_STREAM_END && status != Z_BUF_ERROR) {
-            SayStatus("tdefl_compress() failed with status %i!\n", status);
-            errno = EIO;
-            return 1;
-        }
-        if (z.avail_out == 0 || status == Z_STREAM_END) {
-            if (!WriteOutBuffer(out, COMPRESS_BUFFER_SIZE - z.avail_out)) return 1;
-            z.next_out = s_outbuf;
-            z.avail_out = COMPRESS_BUFFER_SIZE;
-        }
-        if (status == Z_STREAM_END) break;
     }
-    unsigned char trailer[4];
-    PutBigEndian32(trailer, static_cast<uint32_t>(adler));
-    if (!WriteFull(out, trailer, sizeof trailer)) {
+    sigaction(SIGBUS, &previousBusAction, nullptr);
+    guardIn = nullptr;
+    guardInEnd = nullptr;
+    guardOut = nullptr;
+    guardOutEnd = nullptr;
+    *fault = faultIn;
+    return faultIn != 0 ? 0 : length;
+}
+
+// Deflates input into out through a map of out sized to the deflater's
+// bound, then cuts the file to the stream's length.
+static int DeflateInto(libdeflate_compressor* compressor, const unsigned char* input, size_t size, int out) {
+    size_t room = libdeflate_deflate_compress_bound(compressor, size) + 6;
+    if (ftruncate(out, static_cast<off_t>(room)) != 0) {
+        Say("Failed writing to output file!");
+        return 1;
+    }
+    void* map = mmap(nullptr, room, PROT_READ | PROT_WRITE, MAP_SHARED, out, 0);
+    if (map == MAP_FAILED) {
+        Say("Failed writing to output file!");
+        return 1;
+    }
+    int fault = 0;
+    size_t length = DeflateGuarded(compressor, input, size, static_cast<unsigned char*>(map), room, &fault);
+    munmap(map, room);
+    if (fault != 0) {
+        // The fault does not say why; a full file system is the usual cause.
+        errno = fault == 2 ? ENOSPC : EIO;
+        Say(fault == 2 ? "Failed writing to output file!" : "Failed reading from input file!");
+        return 1;
+    }
+    if (length == 0) {
+        SayStatus("tdefl_compress() failed with status %i!\n", DEFLATE_NO_ROOM);
+        errno = EIO;
+        return 1;
+    }
+    if (ftruncate(out, static_cast<off_t>(length)) != 0) {
         Say("Failed writing to output file!");
         return 1;
     }
     return 0;
 }
 
+// The whole file in one call: the input through a read-only map, the stream
+// into a map of the output file, so that memory stays bounded for files of
+// many GiB (mapped pages belong to the page cache). The zlib header 0x78
+// 0x01 is written here, not by a library that might encode the level in its
+// second byte: readers recognise a compressed file by those two bytes alone.
 static int Deflate(int in, uint64_t size, int out) {
-    g_deflator = z_stream{};
-    int status = deflateInit2(&g_deflator, DEFLATE_LEVEL, Z_DEFLATED, -MAX_WBITS, DEFLATE_MEM_LEVEL,
-                              Z_DEFAULT_STRATEGY);
-    if (status != Z_OK) {
-        SayStatus("tdefl_compress() failed with status %i!\n", status);
-        errno = ENOMEM;
+    if (size > SIZE_MAX / 2) {
+        errno = EFBIG;
+        Say("Failed reading from input file!");
         return 1;
     }
-    deflateTune(&g_deflator, DEFLATE_GOOD_LENGTH, DEFLATE_MAX_LAZY, DEFLATE_NICE_LENGTH, DEFLATE_MAX_CHAIN);
-    int result = DeflateLoop(in, size, out);
+    static const unsigned char nothing[1] = {0};
+    const unsigned char* input = nothing;
+    if (size > 0) {
+        void* map = mmap(nullptr, static_cast<size_t>(size), PROT_READ, MAP_SHARED, in, 0);
+        if (map == MAP_FAILED) {
+            Say("Failed reading from input file!");
+            return 1;
+        }
+        madvise(map, static_cast<size_t>(size), MADV_SEQUENTIAL);  // read once, front to back
+        input = static_cast<const unsigned char*>(map);
+    }
+    int result = 1;
+    libdeflate_compressor* compressor = libdeflate_alloc_compressor(DEFLATE_LEVEL);
+    if (compressor) {
+        result = DeflateInto(compressor, input, static_cast<size_t>(size), out);
+    } else {
+        SayStatus("tdefl_compress() failed with status %i!\n", DEFLATE_NO_MEMORY);
+        errno = ENOMEM;
+    }
     int saved = errno;
-    deflateEnd(&g_deflator);
+    libdeflate_free_compressor(compressor);
+    if (size > 0) munmap(const_cast<unsigned char*>(input), static_cast<size_t>(size));
     errno = saved;
     return result;
 }
@@ -261,7 +333,8 @@ int doCompression(const char* mode, const char* inPath, const char* outPath) {
     }
     // Exclusive and without following links: an existing file or a link
     // planted under the temporary name is never written through.
-    int out = open(outPath, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666);
+    // Read and write: the compressed stream is written through a shared map.
+    int out = open(outPath, O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666);
     if (out < 0) {
         int saved = errno;
         Say("Failed opening output file!");

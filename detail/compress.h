@@ -1,35 +1,34 @@
-// Streaming zlib compression and decompression of whole files: the finished
-// detail file becomes one zlib stream (header 0x78 0x01, raw deflate blocks,
-// big-endian Adler-32 of the plain bytes) and is restored from it exactly.
+// Compression and decompression of whole files: the finished detail file
+// becomes one zlib stream (header 0x78 0x01, raw deflate blocks, big-endian
+// Adler-32 of the plain bytes) and is restored from it exactly.
 //
-// Both directions stream through two static 512 KiB buffers, so one call at
-// a time; counts are 64-bit, so files of 4 GiB and more are handled whole.
-// Failures are reported on standard output, one line each, and returned as 1;
-// the output file is then removed, so a failed call leaves nothing behind.
+// Compression deflates the whole file in one call (libdeflate), reading it
+// through a map and writing into a map of the output file; decompression
+// streams through two static 512 KiB buffers (zlib), so one call at a time.
+// Sizes are 64-bit, so files of 4 GiB and more are handled whole. Failures
+// are reported on standard output, one line each, and returned as 1; the
+// output file is then removed, so a failed call leaves nothing behind.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 
-/// Bytes of each of the two streaming buffers.
+/// Bytes of each of the two buffers of decompression.
 constexpr size_t COMPRESS_BUFFER_SIZE = 524288;
 
 /// The first two bytes of every compressed detail file.
 constexpr unsigned char ZLIB_HEADER_0 = 0x78;
 constexpr unsigned char ZLIB_HEADER_1 = 0x01;
 
-// Parameters of the deflater, chosen by measurement on the detail file of a
-// million-entry tree (bench/run.sh --sweep): level 6's lazy matching with
-// chains of 96 and matches up to the longest. No zlib setting reaches both
-// 50 MB/s and 1.05 times gzip -9's size; this is the fastest found within
-// 1.05 (1.048, about 38 MB/s of CPU time where the former chain of 384 gave
-// 1.031 at 20 MB/s).
+// The deflater's level, chosen by measurement on the detail file of a
+// million-entry tree (bench/libdeflate_sweep): the fastest level whose output
+// stays within 1.05 times gzip -9's size.
 constexpr int DEFLATE_LEVEL = 6;
-constexpr int DEFLATE_MEM_LEVEL = 8;
-constexpr int DEFLATE_GOOD_LENGTH = 8;
-constexpr int DEFLATE_MAX_LAZY = 128;
-constexpr int DEFLATE_NICE_LENGTH = 258;
-constexpr int DEFLATE_MAX_CHAIN = 96;
+
+// Statuses printed with "tdefl_compress() failed with status %i!" (the
+// numbers are zlib's codes for the same conditions, as printed before).
+constexpr int DEFLATE_NO_MEMORY = -4;  ///< the deflater could not be set up
+constexpr int DEFLATE_NO_ROOM = -5;    ///< the stream did not fit its bound
 
 // Statuses printed with "tinfl_decompress() failed with status %i!" (scripts
 // that watch the output match that wording; the numbers are this module's own).
@@ -44,7 +43,9 @@ constexpr int INFLATE_TRAILING_DATA = -5;  ///< bytes follow the trailer
 /// refused), gets inPath's permission bits and is synced to disk before it is
 /// closed. Any other mode prints "Invalid mode!". Returns 0 on success; on
 /// failure prints what went wrong, removes outPath when it created it, and
-/// returns 1 with errno telling why (EBADMSG for a bad compressed stream).
+/// returns 1 with errno telling why (EBADMSG for a bad compressed stream,
+/// ENOSPC when the output's file system ran out of room while the stream was
+/// written into its map).
 int doCompression(const char* mode, const char* inPath, const char* outPath);
 /// The two directions of doCompression: mode "c" and mode "d".
 int compressFile(const char* in, const char* out);

@@ -2,5 +2,6 @@ list(APPEND FERROVAN_CORE_SOURCES
   detail/compress.cpp
   detail/dtlfile.cpp
   detail/format.cpp
+  detail/hardlinks.cpp
   detail/writer.cpp
 )

@@ -5,10 +5,10 @@
 #include <cerrno>
 #include <cstring>
 
-#include "btree/btree.h"
 #include "config/roots.h"
 #include "config/templates.h"
 #include "detail/format.h"
+#include "detail/hardlinks.h"
 #include "log/log.h"
 #include "detail/record.h"
 #include "support/byteorder.h"
@@ -23,7 +23,6 @@ time_t timeStamp = 0;
 char* compiledArchitecture = nullptr;
 int32_t headerStrOffset = DTL_STRINGS_POS;
 unsigned char* logHdr = nullptr;
-TreeHeader* hlinkTree = nullptr;
 FILE* hlinkFile = nullptr;
 uint64_t hlinkFilePos = 0;
 uint64_t dirPathStack[DTL_MAX_OPEN_DIRS];
@@ -38,17 +37,6 @@ static unsigned char* outBuf = nullptr;
 static size_t outLen = 0;
 static int64_t outBase = 0;
 
-/// The data kept with each inode in hlinkTree.
-struct HardLinkInfo {
-    uint64_t lastEntryPos;  ///< position in hlinkFile of the newest entry of the inode
-    uint32_t linkCount;     ///< link count at first sight
-    uint32_t seenCount;     ///< entries seen for the inode
-};
-static_assert(sizeof(HardLinkInfo) == 16);
-static_assert(offsetof(HardLinkInfo, lastEntryPos) == 0);
-static_assert(offsetof(HardLinkInfo, linkCount) == 8);
-static_assert(offsetof(HardLinkInfo, seenCount) == 12);
-
 void DtlWriterOpen(FILE* stream, const char* name, time_t runTime, const char* tag, const char* architecture) {
     dtlFile = stream;
     dtlFileName = name;
@@ -59,21 +47,13 @@ void DtlWriterOpen(FILE* stream, const char* name, time_t runTime, const char* t
     for (size_t i = 0; tag && i < DTL_TAG_LENGTH && tag[i]; i++) tagStr[i] = tag[i];
 }
 
-TreeHeader* PlantHardLinkTree() {
-    return TreePlant(0, 512, -513, nullptr, 512, sizeof(uint32_t), sizeof(HardLinkInfo), 10000000, nullptr, nullptr,
-                     nullptr, nullptr);
-}
-
 void HardLinkTableOpen() {
-    hlinkTree = PlantHardLinkTree();
+    HardLinksOpen();
     hlinkFile = tmpfile();
     if (!hlinkFile) PosixErrExit(0, "Unable to create hard link temp file\n");
 }
 
-void HardLinkTableFree() {
-    TreeFree(hlinkTree);
-    hlinkTree = nullptr;
-}
+void HardLinkTableFree() { HardLinksFree(); }
 
 [[noreturn]] static void WriteFailed() { PosixErrExit(0, "Unable to write audit detail file '%s'\n", dtlFileName); }
 
@@ -228,19 +208,9 @@ static bool RecordHardLink(const FileRecord* record, int64_t recordPos) {
     AuditRoot* root = record->root;
     root->hardLinkCount++;
     uint64_t parentDir = dirPathStackPtr >= 0 ? dirPathStack[dirPathStackPtr] : 0;
-    uint32_t inode = static_cast<uint32_t>(record->statData.st_ino);
-    uint64_t prev = 0;
-    bool first = false;
-    if (KeySlot* slot = TreeSearch(hlinkTree, &inode, sizeof inode)) {
-        auto* info = static_cast<HardLinkInfo*>(TreeSlotData(slot));
-        prev = info->lastEntryPos;
-        info->seenCount++;
-        info->lastEntryPos = hlinkFilePos;
-    } else {
-        HardLinkInfo info{hlinkFilePos, static_cast<uint32_t>(record->statData.st_nlink), 1};
-        TreeAddKey(hlinkTree, &inode, sizeof inode, &info);
-        first = true;
-    }
+    bool first;
+    uint64_t prev = HardLinkNote(static_cast<uint32_t>(record->statData.st_ino),
+                                 static_cast<uint32_t>(record->statData.st_nlink), hlinkFilePos, &first);
     DtlHardLinkEntry entry;
     EncodeHardLinkEntry(&entry, prev, parentDir, static_cast<uint64_t>(recordPos));
     fwrite(&entry, sizeof entry, 1, hlinkFile);

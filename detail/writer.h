@@ -1,9 +1,10 @@
 // The detail-file writer: lays down the headers before the walk, appends one
 // record per walker event, completes each directory's header record when the
 // walk leaves it, and finishes the file ("FDTL") when the root is done. It
-// also keeps the hard-link table: every entry with two or more links is
-// chained to the earlier entries of its inode through hlinkFile, and the
-// chain is copied behind the records at the end.
+// also keeps the hard-link chain: every entry with two or more links is
+// chained to the earlier entries of its inode (found in the hard-link table,
+// detail/hardlinks.h) through hlinkFile, and the chain is copied behind the
+// records at the end.
 //
 // The writer adds to the root record it is handed: hardLinkCount (entries
 // with FLAG_MULTI_LINK), totalFileSize (sizes of the entries, each
@@ -17,7 +18,6 @@
 struct AuditRoot;
 struct FileRecord;
 struct TemplateRec;
-struct TreeHeader;
 
 /// Deepest nesting of open directories the writer keeps positions for; the
 /// walk never enters a directory deeper than this.
@@ -30,7 +30,6 @@ extern time_t timeStamp;             ///< start time of the run, stored in the l
 extern char* compiledArchitecture;   ///< architecture text of the version header (DtlWriterOpen)
 extern int32_t headerStrOffset;      ///< where the next header string goes; 284 at start
 extern unsigned char* logHdr;        ///< the 88-byte log header, kept for the final rewrite
-extern TreeHeader* hlinkTree;        ///< hard-linked inodes (HardLinkTableOpen)
 extern FILE* hlinkFile;              ///< anonymous temporary file collecting hard-link entries
 extern uint64_t hlinkFilePos;        ///< bytes written to hlinkFile so far
 extern uint64_t dirPathStack[DTL_MAX_OPEN_DIRS];  ///< offsets of the header records of the open directories
@@ -41,12 +40,10 @@ extern int32_t dirPathStackPtr;      ///< top of dirPathStack; -1 when empty
 /// padded to 31 blanks) and the architecture text.
 void DtlWriterOpen(FILE* stream, const char* name, time_t runTime, const char* tag, const char* architecture);
 
-/// A fresh hard-link tree: 4-byte inode keys with 16 bytes of chain data,
-/// in temporary page files. Exits 1 when its page files cannot be created.
-TreeHeader* PlantHardLinkTree();
-/// Plants hlinkTree and opens hlinkFile; exits 1 when either fails.
+/// Opens the hard-link table (detail/hardlinks.h: its hash table and
+/// hlinkTree) and hlinkFile; exits 1 when either fails.
 void HardLinkTableOpen();
-/// Frees hlinkTree and its page files.
+/// Frees the hard-link table and hlinkTree's page files.
 void HardLinkTableFree();
 
 /// Writes one header string at headerStrOffset, advances it, and returns the

@@ -33,11 +33,12 @@ void IdTableOpen();
 /// Frees idTree and its page files.
 void IdTableFree();
 
-/// Counts one use of id in idTree. A known key gains a use; otherwise the id
-/// is named from the user database (for groups too) and a record of kind 1
-/// is added. Group lookups therefore never find a record: each one makes a
-/// new record, which the tree refuses (using up a slot) when a record of that
-/// number exists, and which is then abandoned.
+/// Counts one use of id in idTree. A user lookup that finds its key adds a
+/// use; an id not in the tree is named from the user database (for groups
+/// too) and added as a record of kind 1. A group lookup never finds a record,
+/// and when one of that number exists nothing changes: the record the tree
+/// would refuse is not made. Only the first lookup of an id, and the first
+/// after the tree takes a key, searches the tree.
 void CheckIdTree(uint32_t id, uint32_t kind);
 
 /// idTree's comparison. Each key is 8 bytes holding the address of an

@@ -4,7 +4,7 @@
 set -euo pipefail
 
 # dpkg-dev (dpkg-shlibdeps) and file let cpack find the Debian package's dependencies.
-packages=(g++ cmake ninja-build libgtest-dev libgmock-dev zlib1g-dev python3 dpkg-dev file "$@")
+packages=(g++ cmake ninja-build libgtest-dev libgmock-dev zlib1g-dev libdeflate-dev python3 dpkg-dev file "$@")
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")

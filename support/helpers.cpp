@@ -46,6 +46,17 @@ static bool IsDirectory(const char* path) {
     return path && stat(path, &st) == 0 && S_ISDIR(st.st_mode);
 }
 
+// The directory tempnam would choose: TMPDIR when it names a directory (and
+// the program is not running with raised privileges), then the directory
+// given, then the system's. Administrators point TMPDIR at a scratch disk so
+// that large temporary files stay out of a RAM-backed /tmp.
+static const char* TempDirectory(const char* given) {
+    const char* env = secure_getenv("TMPDIR");
+    if (IsDirectory(env)) return env;
+    if (IsDirectory(given)) return given;
+    return IsDirectory(P_tmpdir) ? P_tmpdir : "/tmp";
+}
+
 char* DefinedTempName(const char* base) {
     char prefix[512];
     if (base && tempId) {
@@ -54,7 +65,9 @@ char* DefinedTempName(const char* base) {
         snprintf(prefix, sizeof prefix, "%s", tempId ? tempId : (base ? base : "file"));
     }
     if (strlen(prefix) > 5) prefix[5] = '\0';  // the system's temporary names keep five characters
-    const char* dir = IsDirectory(tempDir) ? tempDir : (IsDirectory(P_tmpdir) ? P_tmpdir : "/tmp");
+    const char* dir = TempDirectory(tempDir);
+    size_t dirLength = strlen(dir);
+    const char* slash = dirLength > 0 && dir[dirLength - 1] == '/' ? "" : "/";
     static const char letters[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789";
     unsigned char random[6];
     if (getrandom(random, sizeof random, 0) != static_cast<ssize_t>(sizeof random)) {
@@ -65,9 +78,9 @@ char* DefinedTempName(const char* base) {
     char suffix[7];
     for (int i = 0; i < 6; i++) suffix[i] = letters[random[i] % (sizeof letters - 1)];
     suffix[6] = '\0';
-    size_t len = strlen(dir) + 1 + strlen(prefix) + 6 + 1;
+    size_t len = dirLength + 1 + strlen(prefix) + 6 + 1;
     char* name = static_cast<char*>(malloc(len));
-    if (name) snprintf(name, len, "%s/%s%s", dir, prefix, suffix);
+    if (name) snprintf(name, len, "%s%s%s%s", dir, slash, prefix, suffix);
     return name;
 }
 

@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <cstdio>
 
-extern char* tempDir;  ///< directory for temporary names; null = the system's
+extern char* tempDir;  ///< directory for temporary names when TMPDIR names none; null = the system's
 extern char* tempId;   ///< prefix for temporary names; null = the caller's base
 
 /// The stream's position as a 64-bit byte offset; returns 0 or -1.
@@ -20,10 +20,11 @@ int PathNCmp(const char* a, const char* b, size_t n);
 /// PathNCmp over the shorter length + 1 bytes, so the terminator takes part.
 int PathCmp(const char* a, const char* b);
 
-/// A fresh path in the temporary directory (tempDir, else the system's) whose
-/// file name starts with up to five characters of the prefix (tempId, or
-/// "tempId.base" when both are set, else base). Allocated with malloc; the
-/// caller creates the file exclusively.
+/// A fresh path in the temporary directory, chosen as tempnam chooses it
+/// (TMPDIR, else tempDir, else the system's), whose file name starts with up
+/// to five characters of the prefix (tempId, or "tempId.base" when both are
+/// set, else base). Allocated with malloc; the caller creates the file
+/// exclusively.
 char* DefinedTempName(const char* base);
 
 /// Creates every missing directory of path (mode 0700); failures are ignored.

@@ -15,9 +15,11 @@
 /// Number of names in a directory other than . and ..
 inline int EntriesIn(const std::string& path) { return static_cast<int>(Entries(path).size()); }
 
-/// Temporary page files are made in dir; nothing may be left in it.
+/// Temporary page files are made in dir (TMPDIR, which would come first, is
+/// unset); nothing may be left in it.
 struct TreeTest : testing::Test {
     ScopedTempDir dir;
+    ScopedEnv noTmpdir{"TMPDIR", nullptr};
     void SetUp() override { tempDir = dir.path.data(); }
     void TearDown() override {
         EXPECT_EQ(EntriesIn(dir.path), 0);

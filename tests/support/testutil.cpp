@@ -28,6 +28,25 @@ ScopedTempDir::~ScopedTempDir() {
     fs::remove_all(path, ec);
 }
 
+ScopedEnv::ScopedEnv(const char* variable, const char* value) : name(variable) {
+    const char* old = getenv(variable);
+    wasSet = old != nullptr;
+    if (old) saved = old;
+    if (value) {
+        setenv(variable, value, 1);
+    } else {
+        unsetenv(variable);
+    }
+}
+
+ScopedEnv::~ScopedEnv() {
+    if (wasSet) {
+        setenv(name.c_str(), saved.c_str(), 1);
+    } else {
+        unsetenv(name.c_str());
+    }
+}
+
 void WriteFile(const std::string& path, const std::string& bytes) {
     std::ofstream f(path, std::ios::binary | std::ios::trunc);
     f << bytes;

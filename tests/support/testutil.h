@@ -26,6 +26,17 @@ struct ScopedTempDir {
     std::string operator/(const std::string& name) const { return path + "/" + name; }
 };
 
+/// Sets an environment variable (null: removes it) until the object goes out
+/// of scope, when the variable gets back the value it had.
+struct ScopedEnv {
+    std::string name, saved;
+    bool wasSet;
+    ScopedEnv(const char* name, const char* value);
+    ~ScopedEnv();
+    ScopedEnv(const ScopedEnv&) = delete;
+    ScopedEnv& operator=(const ScopedEnv&) = delete;
+};
+
 /// Writes bytes to a file, replacing it.
 void WriteFile(const std::string& path, const std::string& bytes);
 /// The whole content of a file ("" when it cannot be read).

@@ -1,0 +1,92 @@
+// The hard-link table against a plain map, across the point where its hash
+// table is full and inodes go on into hlinkTree.
+#include <gtest/gtest.h>
+
+#include <random>
+#include <unordered_map>
+#include <vector>
+
+#include "btree/btree.h"
+#include "detail/hardlinks.h"
+#include "support/helpers.h"
+#include "tests/support/testutil.h"
+
+namespace {
+
+// Opens the table with a budget for its hash table, page files in a private
+// directory; restores the default budget afterwards.
+struct BudgetedTable {
+    ScopedTempDir dir;
+    ScopedEnv noTmpdir{"TMPDIR", nullptr};
+    explicit BudgetedTable(size_t budget) {
+        tempDir = dir.path.data();
+        hlinkHashBudget = budget;
+        HardLinksOpen();
+    }
+    ~BudgetedTable() {
+        HardLinksFree();
+        hlinkHashBudget = HLINK_HASH_BUDGET;
+        tempDir = nullptr;
+    }
+};
+
+TEST(HardLinkTable, AnswersAsAMapDoesOnBothSidesOfTheSpill) {
+    struct Case {
+        const char* what;
+        size_t budget;
+        bool spills;
+    } cases[] = {
+        {"the default budget holds them all", HLINK_HASH_BUDGET, false},
+        {"a hundred slots: most go to the tree", 100 * HLINK_SLOT_BYTES, true},
+        {"a budget that grows the table twice before it is full", 3 * 4096 * HLINK_SLOT_BYTES, true},
+        {"no room for a single key: everything in the tree", HLINK_SLOT_BYTES, true},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        BudgetedTable table(c.budget);
+        // 20,000 inodes seen one to eleven times in a shuffled order, with the
+        // free-slot marker 0 and the largest number among them.
+        std::mt19937 rng(5);
+        std::vector<uint32_t> order;
+        for (uint32_t i = 0; i < 20000; i++) {
+            uint32_t inode = i == 0 ? 0 : i == 1 ? 0xFFFFFFFFu : static_cast<uint32_t>(rng());
+            for (uint32_t n = 1 + rng() % 11; n > 0; n--) order.push_back(inode);
+        }
+        std::shuffle(order.begin(), order.end(), rng);
+
+        std::unordered_map<uint32_t, HardLinkInfo> model;
+        uint64_t pos = 0;
+        for (uint32_t inode : order) {
+            uint32_t links = 2 + inode % 9;
+            bool first = false;
+            uint64_t prev = HardLinkNote(inode, links, pos, &first);
+            auto [it, added] = model.try_emplace(inode, HardLinkInfo{pos, links, 1});
+            uint64_t expectedPrev = added ? 0 : it->second.lastEntryPos;
+            if (!added) {
+                it->second.lastEntryPos = pos;
+                it->second.seenCount++;
+            }
+            ASSERT_EQ(first, added) << "inode " << inode << " at " << pos;
+            ASSERT_EQ(prev, expectedPrev) << "inode " << inode << " at " << pos;
+            pos += 24;
+        }
+        for (const auto& [inode, expected] : model) {
+            HardLinkInfo held{};
+            ASSERT_TRUE(HardLinkFind(inode, &held)) << inode;
+            EXPECT_EQ(held.lastEntryPos, expected.lastEntryPos) << inode;
+            EXPECT_EQ(held.linkCount, expected.linkCount) << inode;
+            EXPECT_EQ(held.seenCount, expected.seenCount) << inode;
+        }
+        uint32_t absent = 7;
+        while (model.count(absent)) absent++;
+        HardLinkInfo none;
+        EXPECT_FALSE(HardLinkFind(absent, &none));
+        EXPECT_LE(HardLinkHashBytes(), c.budget);
+        EXPECT_EQ(hlinkTree->rootNode != 0, c.spills);
+        if (!c.spills) {
+            EXPECT_EQ(HardLinksHashed(), model.size());
+        }
+    }
+}
+
+}  // namespace
