@@ -17,9 +17,9 @@
 # --baseline REF  also builds the Ferrovan of an older commit in a temporary
 #                 worktree, times it, and compares its detail file with the
 #                 current one's (cmp) on every tree, /usr included.
-# --sweep         after the rounds, measures zlib's levels and tuning
-#                 parameters on the largest tree's detail file (CPU time,
-#                 size against gzip -9; bench/deflate_sweep.cpp).
+# --sweep         after the rounds, measures libdeflate's levels
+#                 on the largest tree's detail file (CPU time,
+#                 size against gzip -9; bench/libdeflate_sweep.cpp).
 #
 # Everything it runs comes from this checkout (bench/floor.c, bench/mktree.py)
 # or from Debian packages that scripts/setup.sh installs. Trees are made once
@@ -68,9 +68,12 @@ mkdir -p "$work"
 work=$(cd "$work" && pwd)
 cc -O2 -o "$work/floor" bench/floor.c
 ferrovan=$top/build/release/Ferrovan
-# The program's own compression of a file, timed apart from the scan.
-g++ -O2 -std=c++20 -I"$top" -o "$work/compress_file_speed" bench/compress_file_speed.cpp \
-  build/release/libferrovan_core.a -Wl,-Bstatic -lz -Wl,-Bdynamic
+# The program's own compression of a file, timed apart from the scan, and
+# the level sweep: built by the bench preset, which links what the core does.
+scripts/setup.sh libbenchmark-dev
+cmake --preset bench >/dev/null
+cmake --build --preset bench --target compress_file_speed libdeflate_sweep >/dev/null
+cp build/bench/bench/compress_file_speed build/bench/bench/libdeflate_sweep "$work/"
 
 if [ -n "$baseline" ]; then
   rm -rf "$work/baseline-src"
@@ -288,9 +291,7 @@ EOF
 if [ "$sweep" = 1 ]; then
   largest=$(echo $sizes | tr ' ' '\n' | sort -n | tail -1)
   file=$work/out-tree-$largest/plain-1.dtl
-  g++ -O2 -std=c++20 -o "$work/deflate_sweep" bench/deflate_sweep.cpp -Wl,-Bstatic -lz -Wl,-Bdynamic
   echo
-  "$work/deflate_sweep" "$file" "$(gzip -9 -c "$file" | wc -c)" levels
-  "$work/deflate_sweep" "$file" "$(gzip -9 -c "$file" | wc -c)" tuned | tail -n +3
+  "$work/libdeflate_sweep" "$file" "$(gzip -9 -c "$file" | wc -c)"
 fi
 exit 0
