@@ -206,7 +206,9 @@
     el.title = describe(i).join('\n');
     map.appendChild(el);
     var name = isDir(i) ? c.name[i] : 'other';
-    var inner = isDir(i) && level + 1 < LEVELS && kids[i].length && r[2] > 4 * HEAD && r[3] > 3 * HEAD;
+    // A directory is drawn with what it holds when the page carries a
+    // subdirectory of it; else its one cell "other" would only repeat it.
+    var inner = canZoom(i) && level + 1 < LEVELS && r[2] > 4 * HEAD && r[3] > 3 * HEAD;
     if (inner) {
       label(el, [name + '  ' + c.size[i]]);
       drawChildren(i, r[0] + PAD, r[1] + HEAD, r[2] - 2 * PAD, r[3] - HEAD - PAD, level + 1, top);

@@ -230,7 +230,7 @@ def main():
     args = parser.parse_args()
     binary = find_chromium()
     if not binary:
-        raise SystemExit("chromium is not installed (scripts/setup.sh chromium installs it)")
+        raise SystemExit("chromium is not installed (scripts/setup.sh --browser installs it)")
     if args.action == "screenshot":
         with Browser(binary, args.width, args.height) as b:
             b.open(args.page)
