@@ -92,10 +92,12 @@ void Titled(std::string* out, const char* title, const TextTable& table) {
 
 std::string Tables(const ReportScan& s, const PrintOptions& o) {
     std::string out;
-    std::string depth = o.depth < 0 ? "" : Cat(" Only directories at most ", Number(o.depth), " levels below the root.");
+    std::string depth =
+        o.depth < 0 ? "" : Cat(" Only directories at most ", Number(o.depth), " levels below the root.");
     Section(&out, "top", "Largest directories",
             "A directory's size and counts are those of every entry below it, at any depth; each hard-linked "
-            "inode counts once, where the walk met it first." + depth);
+            "inode counts once, where the walk met it first." +
+                depth);
     AppendHtmlTable(&out, TopTable(s, o));
     out += "</section>\n";
     Section(&out, "owners", "Owners",
@@ -121,8 +123,7 @@ std::string Tables(const ReportScan& s, const PrintOptions& o) {
     Section(&out, "types", "Types", "Each hard-linked inode's size counts once.");
     out += "<div class=\"tables\">\n";
     Titled(&out, "Entries by kind", KindTable(s));
-    Titled(&out, "Regular files by name extension (the text after the last dot, in lower case)",
-           ExtensionsTable(s, o));
+    Titled(&out, "Regular files by name extension (the text after the last dot, in lower case)", ExtensionsTable(s, o));
     out += "</div>\n</section>\n";
     return out;
 }

@@ -22,7 +22,8 @@ TEST(HtmlReport, EscapesForTheScriptElementAndForHtml) {
         {"</script><!--", "\\u003c/script\\u003e\\u003c!--", "&lt;/script&gt;&lt;!--"},
         {"a&b \"q\" 'a'", "a\\u0026b \"q\" 'a'", "a&amp;b &quot;q&quot; &#39;a&#39;"},
         // The line and paragraph separators; U+2027 beside them stays.
-        {"x\xE2\x80\xA8y\xE2\x80\xA9z\xE2\x80\xA7", "x\\u2028y\\u2029z\xE2\x80\xA7", "x\xE2\x80\xA8y\xE2\x80\xA9z\xE2\x80\xA7"},
+        {"x\xE2\x80\xA8y\xE2\x80\xA9z\xE2\x80\xA7", "x\\u2028y\\u2029z\xE2\x80\xA7",
+         "x\xE2\x80\xA8y\xE2\x80\xA9z\xE2\x80\xA7"},
         {"\xE2\x80", "\xE2\x80", "\xE2\x80"},  // cut short: nothing to match
     };
     for (const Case& c : cases) {
@@ -133,8 +134,12 @@ FakeScan HostileScan() {
     FakeScan s;
     s.rootPath = "/srv/<b>root</b>";
     s.nodeName = "n\"ode<";
-    const std::vector<std::string> names = {"<script>alert(1)<", "q\"uo'te&amp;", "sep\xE2\x80\xA8line\xE2\x80\xA9",
-                                            "bad\xff\xfe",       "<!--",           "{{DATA}}",
+    const std::vector<std::string> names = {"<script>alert(1)<",
+                                            "q\"uo'te&amp;",
+                                            "sep\xE2\x80\xA8line\xE2\x80\xA9",
+                                            "bad\xff\xfe",
+                                            "<!--",
+                                            "{{DATA}}",
                                             "<img src=x onerror=alert(2)>"};
     auto dir = [](const std::string& name, uint32_t inode) {
         return FakeEntry{.name = name, .mode = S_IFDIR | 0755, .size = 4096, .links = 2, .inode = inode};
@@ -144,8 +149,8 @@ FakeScan HostileScan() {
     for (const std::string& name : names) root.entries.push_back(dir(name, inode++));
     s.dirs.push_back(root);
     for (size_t i = 0; i < names.size(); i++) {
-        FakeDir d{"/" + names[i], {{.name = i ? "f" + std::to_string(i) : "f.<scr", .size = 100000 * (i + 1),
-                                    .inode = inode++}}};
+        FakeDir d{"/" + names[i],
+                  {{.name = i ? "f" + std::to_string(i) : "f.<scr", .size = 100000 * (i + 1), .inode = inode++}}};
         if (i == 0) d.entries.push_back(dir("script>", inode++));
         s.dirs.push_back(d);
         if (i == 0) s.dirs.push_back({"/<script>alert(1)</script>", {{.name = "g", .size = 5000, .inode = inode++}}});
@@ -203,8 +208,9 @@ TEST(HtmlReport, NoNameEndsAnElementOrBecomesMarkup) {
     ASSERT_FALSE(data.empty());
     for (const char* banned : {"<", ">", "&", "\xE2\x80\xA8", "\xE2\x80\xA9"})
         EXPECT_EQ(data.find(banned), std::string::npos) << banned;
-    const char* names = "import json, sys; d = json.loads(sys.stdin.read()); print(d['rootPath']);"
-                        " print('\\n'.join(sorted(set(d['cells']['name']) - {''})))";
+    const char* names =
+        "import json, sys; d = json.loads(sys.stdin.read()); print(d['rootPath']);"
+        " print('\\n'.join(sorted(set(d['cells']['name']) - {''})))";
     RunResult parsed = RunProgram("python3", {"-c", names}, {.input = data, .env = {"PYTHONIOENCODING=utf-8"}});
     ASSERT_EQ(parsed.status, 0) << parsed.err;
     EXPECT_EQ(parsed.out,
@@ -230,12 +236,18 @@ TEST(HtmlReport, CommandLine) {
         {{"html", "--partial", cut, "--output", page}, 0, "", "", true},
         {{"html", "--json", sound}, 1, "", "option '--json' does not apply to html", false},
         {{"html", "--colour", "red", sound}, 1, "", "--colour takes top or age, not 'red'", false},
-        {{"html", "--min-share", "101", sound}, 1, "", "--min-share takes a percentage from 0 to 100, not '101'",
+        {{"html", "--min-share", "101", sound},
+         1,
+         "",
+         "--min-share takes a percentage from 0 to 100, not '101'",
          false},
         {{"html", "--min-share", "1%", sound}, 1, "", "not '1%'", false},
         {{"top", "-o", page, sound}, 1, "", "option '-o' does not apply to top", false},
         {{"html", "-o", page, cut}, 1, "", "dtldump: " + cut + ": offset ", false},
-        {{"html", "-o", dir / "missing/page.html", sound}, 1, "", "dtldump: cannot write " + dir / "missing/page.html",
+        {{"html", "-o", dir / "missing/page.html", sound},
+         1,
+         "",
+         "dtldump: cannot write " + dir / "missing/page.html",
          false},
     };
     for (const Case& c : cases) {
