@@ -9,7 +9,9 @@
 // - the root directory's totals, the owners, the kinds and the ages each
 //   add up to the records' totals, for a partial reading as well;
 // - NDJSON has one line per entry record read;
-// - a scan compared with itself shows no change.
+// - a scan compared with itself shows no change;
+// - the treemap's cells inside each directory add up to it, and the HTML
+//   page holds only its own two scripts and no stray byte.
 //
 // The records are reached through the seed corpus (fuzz/corpus/dtl_report/:
 // files written by the program on tiny trees, plain, compressed, with hard
@@ -24,8 +26,10 @@
 
 #include "reader/dtlread.h"
 #include "reader/export.h"
+#include "reader/htmlreport.h"
 #include "reader/report.h"
 #include "reader/reportprint.h"
+#include "reader/textout.h"
 
 static void Check(bool ok) {
     if (!ok) __builtin_trap();
@@ -84,6 +88,31 @@ static void CheckFigures(const ReportScan& s) {
     Check(extensionFiles == s.kinds[KIND_FILE].entries);
 }
 
+static void CheckPage(const ReportScan& s) {
+    for (double share : {0.0, 0.001, 1.0}) {
+        std::vector<MapCell> cells = MapCells(s, share);
+        std::vector<Tally> inside(cells.size());
+        for (size_t i = 0; i < cells.size(); i++) {
+            int32_t p = cells[i].parent;
+            if (p < 0) continue;
+            Check(static_cast<size_t>(p) < i && !cells[p].other);
+            inside[p].entries += cells[i].tally.entries;
+            inside[p].files += cells[i].tally.files;
+            inside[p].bytes += cells[i].tally.bytes;
+        }
+        for (size_t i = 0; i < cells.size(); i++)
+            if (!cells[i].other) Check(Same(inside[i], cells[i].tally));
+    }
+    HtmlOptions options;
+    options.print.rows = 3;
+    options.print.coldName = "1y";
+    std::string page;
+    AppendHtmlReport(&page, s, options);
+    size_t scripts = 0;
+    for (size_t at = 0; (at = page.find("</script", at)) != std::string::npos; at++) scripts++;
+    Check(scripts == 2 && IsUtf8(page));
+}
+
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (!Store(data, size)) return 0;
     DtlFault fault;
@@ -100,6 +129,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             continue;
         }
         CheckFigures(scan);
+        CheckPage(scan);
         ScanDiff diff = DiffScans(scan, scan);
         Check(diff.changed.empty() && diff.appeared.empty() && diff.vanished.empty() &&
               diff.unchanged == scan.dirs.size());

@@ -1,5 +1,6 @@
 // The age and types reports, as text tables or JSON.
 #include <algorithm>
+#include <array>
 
 #include "reader/reportprint.h"
 #include "reader/textout.h"
@@ -34,9 +35,9 @@ std::string Share(uint64_t part, uint64_t whole) {
 }  // namespace
 
 void PrintAges(std::string* out, const ReportScan& s, const PrintOptions& o) {
-    // The coldest directories: most bytes in files untouched for the cold age.
-    std::vector<size_t> order = RankedDirs(s.dirs, o, [](const DirRow& d) { return d.coldBytes; });
     if (o.json) {
+        // The coldest directories: most bytes in files untouched for the cold age.
+        std::vector<size_t> order = RankedDirs(s.dirs, o, [](const DirRow& d) { return d.coldBytes; });
         *out += "{\"command\": \"age\", ";
         AppendJsonHead(out, s);
         *out += ", ";
@@ -67,42 +68,64 @@ void PrintAges(std::string* out, const ReportScan& s, const PrintOptions& o) {
     *out +=
         "\nFiles (entries that are not directories) by age, measured back from the start of the scan\n"
         "(each hard-linked inode's size counts once)\n\n";
-    TextTable t{{"AGE", "MODIFIED", "SIZE", "BYTES", "ACCESSED", "SIZE", "BYTES"},
-                {false, true, true, true, true, true, true},
-                {}};
-    for (const AgeRow& a : s.ages)
-        t.rows.push_back({a.label, Number(a.modified.files), HumanSize(a.modified.bytes), Number(a.modified.bytes),
-                          Number(a.accessed.files), HumanSize(a.accessed.bytes), Number(a.accessed.bytes)});
-    AppendTable(out, t);
+    AppendTable(out, AgeTable(s));
     *out += "\nDirectories holding the most cold bytes: files neither modified nor accessed for " + o.coldName +
             " or more,\nat any depth below the directory";
     if (o.depth >= 0) *out += Cat(" (directories at most ", std::to_string(o.depth), " levels below the root)");
     *out += "\n\n";
-    TextTable c{{"COLD SIZE", "COLD BYTES", "COLD FILES", "OF SIZE", "PATH"}, {true, true, true, true, false}, {}};
-    for (size_t i : order) {
-        const DirRow& d = s.dirs[i];
-        c.rows.push_back({HumanSize(d.coldBytes), Number(d.coldBytes), Number(d.coldFiles),
-                          Share(d.coldBytes, d.total.bytes),
-                          CellPath(FullPath(s.strings.rootPath, DirPath(s.dirs, i)))});
-    }
-    if (order.empty())
+    TextTable c = ColdTable(s, o);
+    if (c.rows.empty())
         *out += "  (none)\n";
     else
         AppendTable(out, c);
 }
 
-void PrintTypes(std::string* out, const ReportScan& s, const PrintOptions& o) {
-    size_t shown = std::min(s.extensions.size(), o.rows);
+TextTable AgeTable(const ReportScan& s) {
+    TextTable t{{"AGE", "MODIFIED", "SIZE", "BYTES", "ACCESSED", "SIZE", "BYTES"},
+                {false, true, true, true, true, true, true},
+                {}};
+    t.sortBy = {SORT_ROWS, -1, 3, -1, -1, 6};  // ages sort as they grow, not as text
+    for (const AgeRow& a : s.ages)
+        t.rows.push_back({a.label, Number(a.modified.files), HumanSize(a.modified.bytes), Number(a.modified.bytes),
+                          Number(a.accessed.files), HumanSize(a.accessed.bytes), Number(a.accessed.bytes)});
+    return t;
+}
+
+TextTable ColdTable(const ReportScan& s, const PrintOptions& o) {
+    TextTable c{{"COLD SIZE", "COLD BYTES", "COLD FILES", "OF SIZE", "PATH"}, {true, true, true, true, false}, {}};
+    c.sortBy = {1};
+    for (size_t i : RankedDirs(s.dirs, o, [](const DirRow& d) { return d.coldBytes; })) {
+        const DirRow& d = s.dirs[i];
+        c.rows.push_back({HumanSize(d.coldBytes), Number(d.coldBytes), Number(d.coldFiles),
+                          Share(d.coldBytes, d.total.bytes),
+                          CellPath(FullPath(s.strings.rootPath, DirPath(s.dirs, i)))});
+    }
+    return c;
+}
+
+// Kinds, largest first.
+static std::array<size_t, KIND_COUNT> KindOrder(const ReportScan& s) {
+    std::array<size_t, KIND_COUNT> kinds = {KIND_FILE, KIND_DIR, KIND_SYMLINK, KIND_OTHER};
+    std::stable_sort(kinds.begin(), kinds.end(),
+                     [&](size_t a, size_t b) { return s.kinds[a].bytes > s.kinds[b].bytes; });
+    return kinds;
+}
+
+// What the extensions past the first shown add up to.
+static Tally ExtensionRest(const ReportScan& s, size_t shown) {
     Tally rest;
     for (size_t i = shown; i < s.extensions.size(); i++) {
         rest.entries += s.extensions[i].tally.entries;
         rest.bytes += s.extensions[i].tally.bytes;
     }
-    // Kinds, largest first.
-    size_t kinds[KIND_COUNT] = {KIND_FILE, KIND_DIR, KIND_SYMLINK, KIND_OTHER};
-    std::stable_sort(kinds, kinds + KIND_COUNT,
-                     [&](size_t a, size_t b) { return s.kinds[a].bytes > s.kinds[b].bytes; });
+    return rest;
+}
+
+void PrintTypes(std::string* out, const ReportScan& s, const PrintOptions& o) {
+    size_t shown = std::min(s.extensions.size(), o.rows);
     if (o.json) {
+        std::array<size_t, KIND_COUNT> kinds = KindOrder(s);
+        Tally rest = ExtensionRest(s, shown);
         *out += "{\"command\": \"types\", ";
         AppendJsonHead(out, s);
         *out += ", \"kinds\": [";
@@ -129,21 +152,35 @@ void PrintTypes(std::string* out, const ReportScan& s, const PrintOptions& o) {
     }
     AppendTextHead(out, s, "Detail file");
     *out += "\nEntries by kind (each hard-linked inode's size counts once)\n\n";
+    AppendTable(out, KindTable(s));
+    *out += "\nRegular files by name extension, largest first (the text after the last dot, in lower case)\n\n";
+    AppendTable(out, ExtensionsTable(s, o));
+}
+
+TextTable KindTable(const ReportScan& s) {
     TextTable k{{"KIND", "ENTRIES", "SIZE", "BYTES"}, {false, true, true, true}, {}};
-    for (size_t i : kinds)
+    k.sortBy = {-1, -1, 3};
+    for (size_t i : KindOrder(s))
         k.rows.push_back(
             {KIND_NAMES[i], Number(s.kinds[i].entries), HumanSize(s.kinds[i].bytes), Number(s.kinds[i].bytes)});
-    AppendTable(out, k);
-    *out += "\nRegular files by name extension, largest first (the text after the last dot, in lower case)\n\n";
+    return k;
+}
+
+TextTable ExtensionsTable(const ReportScan& s, const PrintOptions& o) {
+    size_t shown = std::min(s.extensions.size(), o.rows);
     TextTable e{{"EXTENSION", "FILES", "SIZE", "BYTES", "OF SIZE"}, {false, true, true, true, true}, {}};
+    e.sortBy = {-1, -1, 3, -1, 3};
     uint64_t all = s.kinds[KIND_FILE].bytes;
     for (size_t i = 0; i < shown; i++) {
         const ExtensionRow& x = s.extensions[i];
         e.rows.push_back({x.extension.empty() ? "(none)" : CellPath("." + x.extension), Number(x.tally.entries),
                           HumanSize(x.tally.bytes), Number(x.tally.bytes), Share(x.tally.bytes, all)});
     }
-    if (shown < s.extensions.size())
+    if (shown < s.extensions.size()) {
+        Tally rest = ExtensionRest(s, shown);
         e.rows.push_back({Cat("(", Number(s.extensions.size() - shown), " more)"), Number(rest.entries),
                           HumanSize(rest.bytes), Number(rest.bytes), Share(rest.bytes, all)});
-    AppendTable(out, e);
+        e.restRows = 1;
+    }
+    return e;
 }

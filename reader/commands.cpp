@@ -1,5 +1,6 @@
 // The report commands of dtldump: their options, reading the files, and
 // writing the reports to standard output.
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -12,6 +13,7 @@
 
 #include "reader/dtldump.h"
 #include "reader/export.h"
+#include "reader/htmlreport.h"
 #include "reader/report.h"
 #include "reader/reportprint.h"
 #include "reader/textout.h"
@@ -30,8 +32,13 @@ const char* const DTLDUMP_USAGE =
     "  export   every entry as CSV or NDJSON: --format csv|ndjson\n"
     "  diff     totals, the directories that grew, shrank, appeared or vanished:\n"
     "           -n N, --depth D, --by size|entries, --force (different roots)\n"
+    "  html     one page to open in a browser: a zoomable treemap of the directories\n"
+    "           and the tables of top, owners, age and types: -o FILE (standard output),\n"
+    "           --min-share PERCENT (0.1), --colour top|age, -n N (50), --depth D,\n"
+    "           --buckets LIST, --cold AGE\n"
     "\n"
-    "options of every command: --json (JSON instead of text tables; export: NDJSON),\n"
+    "options of every command: --json (JSON instead of text tables; export: NDJSON;\n"
+    "  not html),\n"
     "  --partial (report on an unfinished or damaged file as far as its records go)\n"
     "A first word that is not a command names a file: write ./top for a file named top.\n";
 
@@ -45,6 +52,9 @@ enum Option : unsigned {
     OPT_COLD = 16,
     OPT_FORMAT = 32,
     OPT_FORCE = 64,
+    OPT_OUTPUT = 128,
+    OPT_SHARE = 256,
+    OPT_COLOUR = 512,
 };
 
 struct Command {
@@ -60,6 +70,7 @@ const Command COMMANDS[] = {
     {"types", OPT_ROWS, 1},
     {"export", OPT_FORMAT, 1},
     {"diff", OPT_ROWS | OPT_DEPTH | OPT_BY | OPT_FORCE, 2},
+    {"html", OPT_ROWS | OPT_DEPTH | OPT_BUCKETS | OPT_COLD | OPT_OUTPUT | OPT_SHARE | OPT_COLOUR, 1},
 };
 
 struct Args {
@@ -69,6 +80,10 @@ struct Args {
     ExportFormat format = EXPORT_CSV;
     PrintOptions print;
     ReportOptions report;
+    bool rowsGiven = false;
+    std::string output;  // -o: html's file; "": standard output
+    double minShare = 0;           // --min-share, as a fraction
+    bool colourByAge = false;
 };
 
 int Usage(const char* format, const char* what) {
@@ -88,7 +103,7 @@ bool ParseCount(std::string_view text, int64_t* value) {
 int ParseArgs(int argc, char** argv, Args* a) {
     for (const Command& c : COMMANDS)
         if (strcmp(c.name, argv[1]) == 0) a->command = &c;
-    std::string buckets, cold = "1y";
+    std::string buckets, cold = "1y", share = DEFAULT_MIN_SHARE;
     bool options = true;
     for (int i = 2; i < argc; i++) {
         std::string_view arg = argv[i];
@@ -107,8 +122,8 @@ int ParseArgs(int argc, char** argv, Args* a) {
             name = arg.substr(0, eq);
             value = arg.substr(eq + 1);
             inlineValue = true;
-        } else if (arg.substr(0, 2) == "-n" && arg.size() > 2) {
-            name = "-n";
+        } else if ((arg.substr(0, 2) == "-n" || arg.substr(0, 2) == "-o") && arg.size() > 2) {
+            name = arg.substr(0, 2);
             value = arg.substr(2);
             inlineValue = true;
         }
@@ -122,7 +137,9 @@ int ParseArgs(int argc, char** argv, Args* a) {
             {"-n", OPT_ROWS, true},        {"--depth", OPT_DEPTH, true},
             {"--by", OPT_BY, true},        {"--buckets", OPT_BUCKETS, true},
             {"--cold", OPT_COLD, true},    {"--format", OPT_FORMAT, true},
-            {"--force", OPT_FORCE, false},
+            {"--force", OPT_FORCE, false},   {"-o", OPT_OUTPUT, true},
+            {"--output", OPT_OUTPUT, true},  {"--min-share", OPT_SHARE, true},
+            {"--colour", OPT_COLOUR, true},  {"--color", OPT_COLOUR, true},
         };
         const Known* k = nullptr;
         for (const Known& x : known)
@@ -147,10 +164,12 @@ int ParseArgs(int argc, char** argv, Args* a) {
             a->force = true;
         } else if (name == "-n" || name == "--depth") {
             if (!ParseCount(value, &count)) return Usage("'%s' is not a count", value.c_str());
-            if (name == "-n")
+            if (name == "-n") {
                 a->print.rows = static_cast<size_t>(count);
-            else
+                a->rowsGiven = true;
+            } else {
                 a->print.depth = count;
+            }
         } else if (name == "--by") {
             if (value != "size" && value != "entries")
                 return Usage("--by takes size or entries, not '%s'", value.c_str());
@@ -163,9 +182,20 @@ int ParseArgs(int argc, char** argv, Args* a) {
             buckets = value;
         } else if (name == "--cold") {
             cold = value;
+        } else if (name == "-o" || name == "--output") {
+            if (value.empty()) return Usage("option '%s' needs a file name", k->name);
+            a->output = value;
+        } else if (name == "--min-share") {
+            share = value;
+        } else if (name == "--colour" || name == "--color") {
+            if (value != "top" && value != "age")
+                return Usage(("%s takes top or age, not '" + value + "'").c_str(), k->name);
+            a->colourByAge = value == "age";
         }
     }
     if (a->help) return 0;
+    if (a->print.json && a->command->options & OPT_OUTPUT)
+        return Usage(("option '%s' does not apply to " + std::string(a->command->name)).c_str(), "--json");
     if (a->files.size() != a->command->files)
         return Usage(a->command->files == 1 ? "%s takes one detail file" : "%s takes two detail files: OLD NEW",
                      a->command->name);
@@ -178,6 +208,11 @@ int ParseArgs(int argc, char** argv, Args* a) {
         return Usage("--cold: %s", error.empty() ? "one age, such as 1y" : error.c_str());
     a->report.coldAge = bounds[0];
     a->print.coldName = cold;
+    char* end = nullptr;
+    a->minShare = strtod(share.c_str(), &end) / 100;
+    if (share.empty() || *end || !(a->minShare >= 0 && a->minShare <= 1))
+        return Usage("--min-share takes a percentage from 0 to 100, not '%s'", share.c_str());
+    if (a->command->options & OPT_OUTPUT && !a->rowsGiven) a->print.rows = 50;
     if (a->print.json && a->command->options & OPT_FORMAT) a->format = EXPORT_NDJSON;
     return 0;
 }
@@ -199,6 +234,25 @@ int Write(const std::string& text) {
         return 1;
     }
     return 0;
+}
+
+// Writes the page to its file, which a failure removes again: half a page
+// shows nothing.
+int WriteReportFile(const std::string& path, const std::string& text) {
+    int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+    int error = fd < 0 ? errno : 0;
+    for (size_t done = 0; fd >= 0 && !error && done < text.size();) {
+        ssize_t n = write(fd, text.data() + done, text.size() - done);
+        if (n > 0)
+            done += static_cast<size_t>(n);
+        else if (n == 0 || errno != EINTR)
+            error = n == 0 ? EIO : errno;
+    }
+    if (fd >= 0 && close(fd) != 0 && !error) error = errno;
+    if (!error) return 0;
+    if (fd >= 0) unlink(path.c_str());
+    fprintf(stderr, "dtldump: cannot write %s: %s\n", path.c_str(), strerror(error));
+    return 1;
 }
 
 int Export(const Args& a) {
@@ -235,10 +289,11 @@ int CommandMain(int argc, char** argv) {
     if (name == "export") return Export(a);
     ReportOptions& r = a.report;
     r.partial = a.partial;
-    r.dirs = name == "top" || name == "age" || name == "diff";
-    r.owners = name == "owners";
-    r.ages = name == "age";
-    r.types = name == "types";
+    bool html = name == "html";  // the page shows every report
+    r.dirs = name == "top" || name == "age" || name == "diff" || html;
+    r.owners = name == "owners" || html;
+    r.ages = name == "age" || html;
+    r.types = name == "types" || html;
     ReportScan scans[2];
     for (size_t i = 0; i < a.files.size(); i++)
         if (!ReadReport(a.files[i], r, &scans[i])) return Refuse(scans[i]);
@@ -251,6 +306,9 @@ int CommandMain(int argc, char** argv) {
         PrintAges(&out, scans[0], a.print);
     } else if (name == "types") {
         PrintTypes(&out, scans[0], a.print);
+    } else if (html) {
+        AppendHtmlReport(&out, scans[0], {a.print, a.minShare, a.colourByAge});
+        if (!a.output.empty()) return WriteReportFile(a.output, out);
     } else {
         if (scans[0].strings.rootPath != scans[1].strings.rootPath && !a.force) {
             std::string roots;

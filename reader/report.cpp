@@ -128,7 +128,7 @@ int64_t Age(int64_t runTime, uint32_t time) {
     return age < 0 ? 0 : age;  // a time after the scan started counts as new
 }
 
-size_t AgeRowOf(const std::vector<int64_t>& bounds, int64_t age) {
+size_t AgeBound(const std::vector<int64_t>& bounds, int64_t age) {
     size_t i = 0;
     while (i < bounds.size() && age >= bounds[i]) i++;
     return i;
@@ -156,6 +156,7 @@ void CountEntry(Gather* g, const DtlRecord& rec) {
     if (o.dirs) {
         DirRow& row = g->scan.dirs[g->open[rec.depth - 1]];
         Add(&row.own, !dir, bytes);
+        row.ownNewest = std::max(row.ownNewest, fx.mtime);
         if (!dir && Age(g->runTime, touched) >= o.coldAge) {
             row.coldFiles++;  // its own until FinishDirs adds its subdirectories'
             row.coldBytes += bytes;
@@ -167,8 +168,8 @@ void CountEntry(Gather* g, const DtlRecord& rec) {
     }
     if (o.ages && !dir) {
         std::vector<AgeRow>& ages = g->scan.ages;
-        Add(&ages[AgeRowOf(o.ageBounds, Age(g->runTime, fx.mtime))].modified, true, bytes);
-        Add(&ages[AgeRowOf(o.ageBounds, Age(g->runTime, fx.atime))].accessed, true, bytes);
+        Add(&ages[AgeBound(o.ageBounds, Age(g->runTime, fx.mtime))].modified, true, bytes);
+        Add(&ages[AgeBound(o.ageBounds, Age(g->runTime, fx.atime))].accessed, true, bytes);
     }
     if (o.types) {
         Add(&g->scan.kinds[KindOf(fx.mode)], !dir, bytes);
@@ -204,7 +205,10 @@ std::vector<OwnerRow> OwnerRows(const IdMap& map, bool users, bool names) {
 // What the pass counted per directory becomes what lies below each one:
 // children follow their parents, so one backward sweep adds them up.
 void FinishDirs(std::vector<DirRow>* dirs) {
-    for (DirRow& row : *dirs) row.total = row.own;
+    for (DirRow& row : *dirs) {
+        row.total = row.own;
+        row.newest = row.ownNewest;
+    }
     for (size_t i = dirs->size(); i-- > 1;) {
         const DirRow& child = (*dirs)[i];
         DirRow& parent = (*dirs)[child.parent];
@@ -213,6 +217,7 @@ void FinishDirs(std::vector<DirRow>* dirs) {
         parent.total.bytes += child.total.bytes;
         parent.coldFiles += child.coldFiles;
         parent.coldBytes += child.coldBytes;
+        parent.newest = std::max(parent.newest, child.newest);
     }
 }
 
@@ -346,6 +351,13 @@ bool ParseAgeList(std::string_view text, std::vector<int64_t>* bounds, std::vect
         names->emplace_back(item);
     }
     return true;
+}
+
+size_t AgeRowOf(const std::vector<AgeRow>& ages, int64_t runTime, uint32_t time) {
+    int64_t age = Age(runTime, time);
+    size_t i = 0;
+    while (i + 1 < ages.size() && age >= ages[i].to) i++;
+    return i;
 }
 
 EntryKind KindOf(uint32_t mode) {

@@ -36,6 +36,8 @@ struct DirRow {
     Tally total;             ///< every entry record below it, at any depth (own included)
     uint64_t coldFiles = 0;  ///< of total.files, those that are cold (see ReportOptions::coldAge)
     uint64_t coldBytes = 0;
+    uint32_t ownNewest = 0;  ///< the latest modification time among its own entry records; 0: none
+    uint32_t newest = 0;     ///< the latest among every entry record below it (own included); 0: none
 };
 
 /// The logical path of a row: "/" for the root, "/a/b" below it.
@@ -50,6 +52,10 @@ struct AgeRow {
     Tally modified;     ///< by modification time
     Tally accessed;     ///< by access time
 };
+
+/// The row of ages (from ReadReport with ages on) that a time falls in,
+/// measured back from runTime as the age report measures it.
+size_t AgeRowOf(const std::vector<AgeRow>& ages, int64_t runTime, uint32_t time);
 
 /// One user or group.
 struct OwnerRow {

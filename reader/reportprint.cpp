@@ -124,13 +124,30 @@ std::vector<size_t> RankedDirs(const std::vector<DirRow>& dirs, const PrintOptio
 
 // ---- top -----------------------------------------------------------------
 
-void PrintTop(std::string* out, const ReportScan& s, const PrintOptions& o) {
+static std::vector<size_t> TopOrder(const ReportScan& s, const PrintOptions& o) {
     auto bytes = [](const DirRow& d) { return d.total.bytes; };
     auto entries = [](const DirRow& d) { return d.total.entries; };
     std::vector<size_t> order = o.byEntries ? RankedDirs(s.dirs, o, entries) : RankedDirs(s.dirs, o, bytes);
     // The root leads even when it holds nothing, so that the table is never empty.
     if (order.empty() && !s.dirs.empty()) order.push_back(0);
+    return order;
+}
+
+TextTable TopTable(const ReportScan& s, const PrintOptions& o) {
+    TextTable t{{"SIZE", "BYTES", "ENTRIES", "FILES", "DIRS", "PATH"}, {true, true, true, true, true, false}, {}};
+    t.sortBy = {1};
+    for (size_t i : TopOrder(s, o)) {
+        const DirRow& d = s.dirs[i];
+        t.rows.push_back({HumanSize(d.total.bytes), Number(d.total.bytes), Number(d.total.entries),
+                          Number(d.total.files), Number(d.total.entries - d.total.files),
+                          CellPath(FullPath(s.strings.rootPath, DirPath(s.dirs, i)))});
+    }
+    return t;
+}
+
+void PrintTop(std::string* out, const ReportScan& s, const PrintOptions& o) {
     if (o.json) {
+        std::vector<size_t> order = TopOrder(s, o);
         *out += "{\"command\": \"top\", ";
         AppendJsonHead(out, s);
         AppendFormat(out, ", \"by\": \"%s\", \"depth\": ", o.byEntries ? "entries" : "size");
@@ -154,61 +171,61 @@ void PrintTop(std::string* out, const ReportScan& s, const PrintOptions& o) {
     *out +=
         "\n(a directory's size and counts are those of every entry below it, at any depth;\n"
         " each hard-linked inode counts once, where the walk met it first)\n\n";
-    TextTable t{{"SIZE", "BYTES", "ENTRIES", "FILES", "DIRS", "PATH"}, {true, true, true, true, true, false}, {}};
-    for (size_t i : order) {
-        const DirRow& d = s.dirs[i];
-        t.rows.push_back({HumanSize(d.total.bytes), Number(d.total.bytes), Number(d.total.entries),
-                          Number(d.total.files), Number(d.total.entries - d.total.files),
-                          CellPath(FullPath(s.strings.rootPath, DirPath(s.dirs, i)))});
-    }
-    AppendTable(out, t);
+    AppendTable(out, TopTable(s, o));
 }
 
 // ---- owners --------------------------------------------------------------
 
-static void OwnerTable(std::string* out, const std::vector<OwnerRow>& rows, const PrintOptions& o, bool users) {
-    size_t shown = std::min(rows.size(), o.rows);
-    if (o.json) {
-        AppendFormat(out, "\"%s\": [", users ? "users" : "groups");
-        for (size_t i = 0; i < shown; i++) {
-            AppendFormat(out, "%s\n  {\"id\": %u, \"name\": ", i ? "," : "", rows[i].id);
-            if (rows[i].name.empty())
-                *out += "null";
-            else
-                AppendJsonString(out, rows[i].name);
-            *out += ", ";
-            AppendJsonTally(out, rows[i].tally);
-            *out += '}';
-        }
-        AppendFormat(out, "\n], \"%sOthers\": ", users ? "users" : "groups");
-    }
+static Tally Rest(const std::vector<OwnerRow>& rows, size_t shown) {
     Tally rest;
     for (size_t i = shown; i < rows.size(); i++) {
         rest.entries += rows[i].tally.entries;
         rest.files += rows[i].tally.files;
         rest.bytes += rows[i].tally.bytes;
     }
-    if (o.json) {
-        if (shown == rows.size()) {
+    return rest;
+}
+
+static void OwnerJson(std::string* out, const std::vector<OwnerRow>& rows, const PrintOptions& o, bool users) {
+    size_t shown = std::min(rows.size(), o.rows);
+    AppendFormat(out, "\"%s\": [", users ? "users" : "groups");
+    for (size_t i = 0; i < shown; i++) {
+        AppendFormat(out, "%s\n  {\"id\": %u, \"name\": ", i ? "," : "", rows[i].id);
+        if (rows[i].name.empty())
             *out += "null";
-        } else {
-            AppendFormat(out, "{\"count\": %zu, ", rows.size() - shown);
-            AppendJsonTally(out, rest);
-            *out += '}';
-        }
-        return;
+        else
+            AppendJsonString(out, rows[i].name);
+        *out += ", ";
+        AppendJsonTally(out, rows[i].tally);
+        *out += '}';
     }
+    AppendFormat(out, "\n], \"%sOthers\": ", users ? "users" : "groups");
+    if (shown == rows.size()) {
+        *out += "null";
+    } else {
+        AppendFormat(out, "{\"count\": %zu, ", rows.size() - shown);
+        AppendJsonTally(out, Rest(rows, shown));
+        *out += '}';
+    }
+}
+
+TextTable OwnerTable(const std::vector<OwnerRow>& rows, const PrintOptions& o, bool users) {
+    size_t shown = std::min(rows.size(), o.rows);
     TextTable t{{users ? "UID" : "GID", users ? "USER" : "GROUP", "ENTRIES", "FILES", "DIRS", "SIZE", "BYTES"},
                 {true, false, true, true, true, true, true},
                 {}};
+    t.sortBy = {-1, -1, -1, -1, -1, 6};
     auto add = [&](std::string id, std::string name, const Tally& x) {
         t.rows.push_back({std::move(id), std::move(name), Number(x.entries), Number(x.files),
                           Number(x.entries - x.files), HumanSize(x.bytes), Number(x.bytes)});
     };
     for (size_t i = 0; i < shown; i++)
         add(Number(rows[i].id), rows[i].name.empty() ? "-" : CellPath(rows[i].name), rows[i].tally);
-    if (shown < rows.size()) add("", Cat("(", Number(rows.size() - shown), " more)"), rest);
-    AppendTable(out, t);
+    if (shown < rows.size()) {
+        add("", Cat("(", Number(rows.size() - shown), " more)"), Rest(rows, shown));
+        t.restRows = 1;
+    }
+    return t;
 }
 
 void PrintOwners(std::string* out, const ReportScan& s, const PrintOptions& o) {
@@ -216,9 +233,9 @@ void PrintOwners(std::string* out, const ReportScan& s, const PrintOptions& o) {
         *out += "{\"command\": \"owners\", ";
         AppendJsonHead(out, s);
         *out += ", ";
-        OwnerTable(out, s.users, o, true);
+        OwnerJson(out, s.users, o, true);
         *out += ", ";
-        OwnerTable(out, s.groups, o, false);
+        OwnerJson(out, s.groups, o, false);
         *out += "}\n";
         return;
     }
@@ -226,7 +243,7 @@ void PrintOwners(std::string* out, const ReportScan& s, const PrintOptions& o) {
     *out +=
         "\nOwners, largest first. The detail file holds only user and group numbers; the names are\n"
         "looked up in this machine's user and group databases (\"-\": none there).\n\nUsers\n";
-    OwnerTable(out, s.users, o, true);
+    AppendTable(out, OwnerTable(s.users, o, true));
     *out += "\nGroups\n";
-    OwnerTable(out, s.groups, o, false);
+    AppendTable(out, OwnerTable(s.groups, o, false));
 }

@@ -39,14 +39,31 @@ std::string PartialNote(const ReportScan& scan);
 
 // Shared by the printing modules.
 
+constexpr int SORT_ROWS = -2;
+
 /// An aligned text table: a header row and rows of cells; numbers are right
-/// aligned, text left aligned, the last column never padded.
+/// aligned, text left aligned, the last column never padded. The HTML page
+/// shows the same tables, sortable.
 struct TextTable {
     std::vector<std::string> header;
     std::vector<bool> right;  ///< per column: right aligned
     std::vector<std::vector<std::string>> rows;
+    /// Per column, the column whose numbers order it when sorted (a size
+    /// sorts by the exact bytes beside it); -1 or none: its own cells;
+    /// SORT_ROWS: the order in which the rows were made.
+    std::vector<int> sortBy = {};
+    size_t restRows = 0;  ///< trailing rows that add up the rows left out: not ranked with the others
 };
 void AppendTable(std::string* out, const TextTable& table);
+
+/// The tables of the reports, as the text reports show them.
+TextTable TopTable(const ReportScan& scan, const PrintOptions& options);
+TextTable OwnerTable(const std::vector<OwnerRow>& rows, const PrintOptions& options, bool users);
+TextTable AgeTable(const ReportScan& scan);
+/// The directories holding the most cold bytes; no rows when none holds any.
+TextTable ColdTable(const ReportScan& scan, const PrintOptions& options);
+TextTable KindTable(const ReportScan& scan);
+TextTable ExtensionsTable(const ReportScan& scan, const PrintOptions& options);
 
 /// The head of a text report: the file, the scan, and a partial note.
 void AppendTextHead(std::string* out, const ReportScan& scan, const char* label);

@@ -88,6 +88,9 @@ const Tree TREES[] = {
          SetTimes(root + "/old/read-lately", now - 3 * DAY, now - 800 * DAY);
          SetTimes(root + "/old/inner/cold", now - 366 * DAY, now - 700 * DAY);
          SetTimes(root + "/new/week", now - 10 * DAY, now - 20 * DAY);
+         // The root's own entries are older than what lies below them.
+         SetTimes(root + "/old", now - 3000 * DAY, now - 3000 * DAY);
+         SetTimes(root + "/new", now - 3000 * DAY, now - 3000 * DAY);
      }},
 };
 
@@ -202,10 +205,24 @@ TEST(Report, EveryReportAgreesWithTheTreeItsScanCameFrom) {
             EXPECT_EQ(Of(scan.ages[i].modified), modified[i]) << labels[i];
             EXPECT_EQ(Of(scan.ages[i].accessed), accessed[i]) << labels[i];
         }
+        // The latest modification below each directory, and its own; the
+        // row of ages the latest falls in.
         for (size_t i = 0; i < scan.dirs.size(); i++) {
+            const DirRow& d = scan.dirs[i];
             std::string path = DirPath(scan.dirs, i);
-            EXPECT_EQ(scan.dirs[i].coldFiles, cold[path].files) << path;
-            EXPECT_EQ(scan.dirs[i].coldBytes, cold[path].bytes) << path;
+            EXPECT_EQ(d.coldFiles, cold[path].files) << path;
+            EXPECT_EQ(d.coldBytes, cold[path].bytes) << path;
+            uint32_t newest = 0, own = 0;
+            for (const SeenEntry& e : seen) {
+                uint32_t mtime = static_cast<uint32_t>(e.st.st_mtime);
+                if (path == "/" || e.path.compare(0, path.size() + 1, path + "/") == 0) newest = std::max(newest, mtime);
+                if (e.dir == path) own = std::max(own, mtime);
+            }
+            EXPECT_EQ(d.newest, newest) << path;
+            EXPECT_EQ(d.ownNewest, own) << path;
+            if (newest) {
+                EXPECT_EQ(AgeRowOf(scan.ages, start, d.newest), static_cast<size_t>(row(newest))) << path;
+            }
         }
     }
 }
