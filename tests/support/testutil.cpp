@@ -189,6 +189,7 @@ RunDirs::RunDirs() {
     chmod(dir.path.c_str(), 0755);
     for (const char* d : {"root", "work", "tmp"}) mkdir((dir / d).c_str(), 0755);
     chmod((dir / "work").c_str(), 0777);
+    chmod((dir / "tmp").c_str(), 0777);
     root = CanonicalPath(dir / "root");
     work = CanonicalPath(dir / "work");
     tmp = CanonicalPath(dir / "tmp");
