@@ -63,37 +63,28 @@ struct Terminal {
     }
 };
 
-// What a terminal shows after bytes: the lines ended by a newline, trailing
-// blanks dropped, and the line the cursor is left on.
-struct Screen {
-    std::vector<std::string> lines;
-    std::string last;
-};
-
 std::string Trimmed(std::string line) { return line.erase(line.find_last_not_of(' ') + 1); }
 
-Screen Render(const std::string& bytes) {
-    Screen screen;
-    std::string line;
+// What a terminal shows after bytes: its lines, trailing blanks dropped, and
+// the line the cursor is left on (nothing when the progress line is erased).
+std::string Screen(const std::string& bytes) {
+    std::string screen, line;
     size_t column = 0;
     for (char ch : bytes) {
-        if (ch == '\r') {
-            column = 0;
-        } else if (ch == '\n') {
-            screen.lines.push_back(Trimmed(line));
+        if (ch == '\n') {
+            screen += Trimmed(line) + "\n";
             line.clear();
+        }
+        if (ch == '\r' || ch == '\n') {
             column = 0;
+        } else if (column < line.size()) {
+            line[column++] = ch;
         } else {
-            if (column < line.size()) {
-                line[column] = ch;
-            } else {
-                line.push_back(ch);
-            }
+            line.push_back(ch);
             column++;
         }
     }
-    screen.last = Trimmed(line);
-    return screen;
+    return screen + Trimmed(line);
 }
 
 // The progress lines drawn: what follows each carriage return, when it is one.
@@ -132,10 +123,7 @@ TEST(ProgressLine, IsErasedBeforeEveryMessageAndAtTheEnd) {
         std::vector<std::string> drawn = Drawings(shown);
         ASSERT_FALSE(drawn.empty()) << shown;
         EXPECT_EQ(drawn[0], "0 entries  0 dirs  0 bytes  0/s  00:00:00  " + dirs.root);
-        Screen screen = Render(shown);
-        EXPECT_EQ(screen.last, "");
-        std::string onScreen;
-        for (const std::string& line : screen.lines) onScreen += line + "\n";
+        const std::string onScreen = Screen(shown);
         EXPECT_NE(onScreen.find("Unable to open directory '" + dirs.root + "/x'\n  (p13) Permission denied\n"),
                   std::string::npos) << onScreen;
         int file = dirs.Create("log");
@@ -170,7 +158,7 @@ TEST(ProgressLine, IsRedrawnWithTheCountsAtMostTenTimesASecond) {
     EXPECT_NE(drawn.back().rfind("0 entries", 0), 0u) << drawn.back();
     EXPECT_NE(drawn.back().find("  ..."), std::string::npos) << drawn.back();
     for (const std::string& line : drawn) EXPECT_LE(line.size(), 99u) << line;
-    EXPECT_EQ(Render(shown).last, "");
+    EXPECT_EQ(Screen(shown), "");
     EXPECT_EQ(logged.find('\r'), std::string::npos);
 }
 
