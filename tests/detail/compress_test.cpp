@@ -40,7 +40,7 @@ std::string NoTempFile(const std::string& path, int errnum) {
 }
 
 // In-place compression keeps the permissions, an independent zlib (python's)
-// reads what it wrote, and the reader's inflater restores every byte.
+// reads what it wrote, and the program's own inflater restores every byte.
 TEST(Compression, InPlaceRoundTripsAgreeWithAnIndependentZlib) {
     const char* inflate = "import sys, zlib\n"
                           "open(sys.argv[2], 'wb').write(zlib.decompress(open(sys.argv[1], 'rb').read()))\n";
@@ -70,8 +70,9 @@ TEST(Compression, InPlaceRoundTripsAgreeWithAnIndependentZlib) {
     }
 }
 
-// The reader's inflater refuses a damaged stream quietly, with the EBADMSG
-// that the reader reports: a bad block, a bad checksum, a stream cut short.
+// The program's own inflater (decompressFile's) refuses a damaged stream,
+// quietly when asked, with EBADMSG: a bad block, a bad checksum, a stream
+// cut short.
 TEST(Compression, TheInflaterRefusesDamagedStreams) {
     ScopedTempDir dir;
     WriteFile(dir / "plain", Random(COMPRESS_BUFFER_SIZE + 999));
