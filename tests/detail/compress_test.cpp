@@ -1,10 +1,15 @@
-// Compression of the detail file: in place when it is closed, the zlib
-// streams themselves, and the failures of the rewrite and of the inflater.
+// Compression of the detail file: in place when it is closed, read back by an
+// independent zlib; the failures of the rewrite, a directory without room
+// for the compressed copy, a detail file of more than 4 GiB, and the
+// inflater's refusals.
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
+#include <zlib.h>
 
 #include <cerrno>
 #include <csignal>
@@ -12,6 +17,7 @@
 #include <ctime>
 #include <random>
 #include <set>
+#include <vector>
 
 #include "detail/compress.h"
 #include "detail/dtlfile.h"
@@ -19,23 +25,7 @@
 
 namespace {
 
-// Detail-like content: 48-byte records with varying fields and names.
-std::string DetailLike(size_t bytes) {
-    std::string s;
-    std::mt19937 rng(7);
-    for (uint32_t i = 0; s.size() < bytes; i++) {
-        char record[48] = {};
-        uint32_t fields[] = {0x80000000u, 1000, 1000, 5000000 + i, 0100644,
-                             static_cast<uint32_t>(1700000000 + rng() % 86400)};
-        memcpy(record, fields, sizeof fields);
-        s.append(record, sizeof record);
-        s += "file-" + std::to_string(rng() % 5000) + ".txt";
-        s += '\0';
-    }
-    s.resize(bytes);
-    return s;
-}
-
+// Bytes that deflate cannot shrink: the compressed copy is the larger one.
 std::string Random(size_t bytes) {
     std::mt19937 rng(11);
     std::string s(bytes, '\0');
@@ -43,28 +33,26 @@ std::string Random(size_t bytes) {
     return s;
 }
 
-// Runs op with standard output captured; returns what it printed.
-template <typename Op>
-std::string Stdout(Op op) {
-    testing::internal::CaptureStdout();
-    op();
-    return testing::internal::GetCapturedStdout();
+// The message of a compression whose temporary file could not be written.
+std::string NoTempFile(const std::string& path, int errnum) {
+    return "Error occurred during compression of '" + path + "'\nCould not write temp file: " + path +
+           "-[0-9]+\\.tmp\n  \\(p" + std::to_string(errnum) + "\\) ";
 }
 
 // In-place compression keeps the permissions, an independent zlib (python's)
-// reads what it wrote, and the reader's inflater restores every byte.
+// reads what it wrote, and the program's own inflater restores every byte.
 TEST(Compression, InPlaceRoundTripsAgreeWithAnIndependentZlib) {
     const char* inflate = "import sys, zlib\n"
                           "open(sys.argv[2], 'wb').write(zlib.decompress(open(sys.argv[1], 'rb').read()))\n";
-    const std::string cases[] = {"", DetailLike(2 * COMPRESS_BUFFER_SIZE + 12345),
-                                 Random(2 * COMPRESS_BUFFER_SIZE + 777)};
-    for (const std::string& plain : cases) {
+    for (const std::string& plain : {std::string(), Random(2 * COMPRESS_BUFFER_SIZE + 777)}) {
         SCOPED_TRACE(plain.size());
         ScopedTempDir dir;
         const std::string path = dir / "ferro.dtl";
         WriteFile(path, plain);
         chmod(path.c_str(), 0640);
-        EXPECT_EQ(Stdout([&] { CloseDtlFile(fopen(path.c_str(), "rb"), path.c_str(), 1); }), "Compressing DTL file\n");
+        testing::internal::CaptureStdout();
+        CloseDtlFile(fopen(path.c_str(), "rb"), path.c_str(), 1);
+        EXPECT_EQ(testing::internal::GetCapturedStdout(), "Compressing DTL file\n");
         EXPECT_EQ(ReadFile(path).substr(0, 2), "\x78\x01");
         EXPECT_EQ(Entries(dir.path), std::set<std::string>{"ferro.dtl"});
         struct stat st;
@@ -82,20 +70,23 @@ TEST(Compression, InPlaceRoundTripsAgreeWithAnIndependentZlib) {
     }
 }
 
-// The reader's inflater refuses a damaged stream quietly, with the EBADMSG
-// that the reader reports: a bad block, a bad checksum, a stream cut short.
+// The program's own inflater (decompressFile's) refuses a damaged stream,
+// quietly when asked, with EBADMSG: a bad block, a bad checksum, a stream
+// cut short.
 TEST(Compression, TheInflaterRefusesDamagedStreams) {
     ScopedTempDir dir;
-    WriteFile(dir / "plain", DetailLike(COMPRESS_BUFFER_SIZE + 999));
+    WriteFile(dir / "plain", Random(COMPRESS_BUFFER_SIZE + 999));
     ASSERT_EQ(compressFile((dir / "plain").c_str(), (dir / "good").c_str()), 0);
     const std::string good = ReadFile(dir / "good");
     std::string badBlock = good, badSum = good;
-    badBlock[2] ^= 0x02;  // the first block's type turns from dynamic (2) into the invalid 3
+    badBlock[2] |= 0x06;  // the first block's type turns into the invalid 3
     badSum.back() ^= 0x01;
     for (const std::string& bad : {badBlock, badSum, good.substr(0, good.size() / 2)}) {
         WriteFile(dir / "bad", bad);
         int in = open((dir / "bad").c_str(), O_RDONLY), out = open("/dev/null", O_WRONLY), result = 0, error = 0;
-        EXPECT_EQ(Stdout([&] { result = InflateFd(in, out, true), error = errno; }), "");
+        testing::internal::CaptureStdout();
+        result = InflateFd(in, out, true), error = errno;
+        EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
         EXPECT_EQ(result, 1);
         EXPECT_EQ(error, EBADMSG);
         close(in);
@@ -113,20 +104,15 @@ TEST(Compression, FailuresAreFatalAndLeaveTheOriginalAndNoTemporaryFile) {
     std::string deep = dir.path;
     for (int i = 0; i < 5; i++) mkdir((deep += "/" + std::string(200, 'd')).c_str(), 0700);
     const std::string tooLong = deep + "/ferro.dtl";
-    const std::string exists =
-        "Error. Could not write temp file for decompressing '" + path + "'\n  \\(p17\\) File exists\n";
     struct Case {
         std::string path;
-        char plant;            // in the temporary names: 'f' a file, 'l' a link to a file
-        rlim_t fileSizeLimit;  // 0: none
+        bool planted;          // the temporary names are links to someone else's file
+        rlim_t fileSizeLimit;  // 0: none; else the write fails once its temporary file is made
         std::string message;
     } cases[] = {
-        {path, 'f', 0, exists},
-        {path, 'l', 0, exists},
-        {path, 0, 4096,  // fails once its temporary file is written
-         "Error occurred during compression of '" + path + "'\nCould not write temp file: " + path +
-             "-[0-9]+.tmp\n  \\(p27\\) File too large\n"},
-        {tooLong, 0, 0,
+        {path, true, 0, "Error. Could not write temp file for decompressing '" + path + "'\n  \\(p17\\) File exists\n"},
+        {path, false, 4096, NoTempFile(path, EFBIG)},
+        {tooLong, false, 0,
          "DTL file path too long for its temporary file \\(more than 1023 bytes\\): '" + tooLong + "'\n"},
     };
     WriteFile(dir / "target", "link target");
@@ -136,10 +122,8 @@ TEST(Compression, FailuresAreFatalAndLeaveTheOriginalAndNoTemporaryFile) {
         std::vector<std::string> temps;  // the names the run may pick in the next few seconds
         for (time_t t = time(nullptr), end = t + 3; t < end; t++)
             temps.push_back(c.path + "-" + std::to_string(t) + ".tmp");
-        for (const std::string& temp : temps) {
-            if (c.plant == 'f') WriteFile(temp, "planted");
-            ASSERT_TRUE(c.plant != 'l' || symlink((dir / "target").c_str(), temp.c_str()) == 0) << temp;
-        }
+        for (const std::string& temp : temps)
+            ASSERT_TRUE(!c.planted || symlink((dir / "target").c_str(), temp.c_str()) == 0) << temp;
         const std::set<std::string> before = Entries(dir.path);
         auto compress = [&] {
             if (c.fileSizeLimit) {
@@ -155,6 +139,96 @@ TEST(Compression, FailuresAreFatalAndLeaveTheOriginalAndNoTemporaryFile) {
         EXPECT_EQ(ReadFile(dir / "target"), "link target");
         for (const std::string& temp : temps) unlink(temp.c_str());
     }
+}
+
+// The compressed stream is written into a map of the temporary file, so a
+// file system that runs out of room raises a bus error while the deflater
+// writes: it must end as any failed write does, with the message, the plain
+// file intact and no temporary file left.
+TEST(Compression, NoRoomForTheCompressedCopy) {
+    ScopedTempDir dir;
+    const std::string small = dir / "small";
+    ASSERT_EQ(mkdir(small.c_str(), 0700), 0);
+    if (mount("ferrovan-test", small.c_str(), "tmpfs", 0, "size=2m") != 0) {
+        GTEST_SKIP() << "cannot mount a 2 MiB tmpfs (" << strerror(errno) << "): needs root with CAP_SYS_ADMIN; "
+                     << "the file-size limit of Compression.FailuresAreFatal... covers the message";
+    }
+    struct Unmount {
+        std::string path;
+        ~Unmount() { umount2(path.c_str(), MNT_DETACH); }
+    } unmount{small};
+    // 1.5 MiB that deflate cannot shrink, in 2 MiB: the copy finds half a MiB.
+    const std::string path = small + "/ferro.dtl", plain = Random(1536 * 1024);
+    WriteFile(path, plain);
+    EXPECT_EXIT(CloseDtlFile(nullptr, path.c_str(), 1), testing::ExitedWithCode(1), NoTempFile(path, ENOSPC));
+    EXPECT_EQ(Entries(small), std::set<std::string>{"ferro.dtl"});
+    EXPECT_TRUE(ReadFile(path) == plain);
+}
+
+// A detail file of 4 GiB and more is compressed whole, not its size modulo
+// 2^32: a sparse file with marks on both sides of the 4 GiB line, inflated
+// by zlib's own wrapper (which checks the header and the Adler-32 trailer).
+TEST(Compression, FilesOf4GiBAndMoreAreCompressedWhole) {
+    ScopedTempDir dir;
+    const std::string plain = dir / "big.dtl", packed = dir / "big.z";
+    const uint64_t size = (uint64_t{4} << 30) + 3 * 4096 + 123;
+    struct statvfs vfs;
+    ASSERT_EQ(statvfs(dir.path.c_str(), &vfs), 0);
+    // Holes cost nothing; the marks' blocks and the stream (about 4 MiB) do.
+    if (uint64_t{vfs.f_bavail} * vfs.f_frsize < (uint64_t{64} << 20)) GTEST_SKIP() << "less than 64 MiB free";
+    int fd = open(plain.c_str(), O_RDWR | O_CREAT | O_TRUNC, 0600);
+    ASSERT_GE(fd, 0);
+    if (ftruncate(fd, static_cast<off_t>(size)) != 0) {
+        close(fd);
+        GTEST_SKIP() << "no file of " << size << " bytes in " << dir.path << " (" << strerror(errno) << ")";
+    }
+    const std::vector<std::pair<uint64_t, std::string>> marks = {{0, "FDTL"},
+                                                                 {(uint64_t{1} << 32) - 5, "across the 4 GiB line"},
+                                                                 {(uint64_t{1} << 32) + 4096, "beyond"},
+                                                                 {size - 4, "end!"}};
+    for (const auto& [at, text] : marks)
+        ASSERT_EQ(pwrite(fd, text.data(), text.size(), static_cast<off_t>(at)), static_cast<ssize_t>(text.size()));
+    close(fd);
+    testing::internal::CaptureStdout();
+    int status = compressFile(plain.c_str(), packed.c_str());
+    std::string said = testing::internal::GetCapturedStdout();
+    ASSERT_EQ(status, 0) << said;
+    unlink(plain.c_str());
+
+    // Inflate in pieces, checking every byte: the marks where they were put,
+    // zeros everywhere else, and exactly size bytes.
+    std::string stream = ReadFile(packed);
+    ASSERT_EQ(stream.substr(0, 2), "\x78\x01");
+    z_stream z{};
+    ASSERT_EQ(inflateInit(&z), Z_OK);
+    z.next_in = reinterpret_cast<Bytef*>(stream.data());
+    z.avail_in = static_cast<uInt>(stream.size());
+    std::vector<unsigned char> piece(1 << 24);
+    const std::vector<unsigned char> zeros(piece.size(), 0);
+    uint64_t at = 0, wrongPieces = 0;
+    int result = Z_OK;
+    while (result == Z_OK) {
+        z.next_out = piece.data();
+        z.avail_out = static_cast<uInt>(piece.size());
+        result = inflate(&z, Z_NO_FLUSH);
+        size_t got = piece.size() - z.avail_out;
+        // Each mark's bytes are checked and cleared; the piece must then be zeros.
+        for (const auto& [markAt, text] : marks) {
+            for (size_t i = 0; i < text.size(); i++) {
+                if (markAt + i < at || markAt + i >= at + got) continue;
+                unsigned char& byte = piece[markAt + i - at];
+                if (byte != static_cast<unsigned char>(text[i])) wrongPieces++;
+                byte = 0;
+            }
+        }
+        if (memcmp(piece.data(), zeros.data(), got) != 0) wrongPieces++;
+        at += got;
+    }
+    inflateEnd(&z);
+    EXPECT_EQ(result, Z_STREAM_END);  // the trailer's Adler-32 matched
+    EXPECT_EQ(z.avail_in, 0u);
+    EXPECT_EQ(at, size);
+    EXPECT_EQ(wrongPieces, 0u);
 }
 
 }  // namespace

@@ -6,31 +6,15 @@
 #include <unordered_map>
 #include <vector>
 
-#include "btree/btree.h"
 #include "detail/hardlinks.h"
-#include "support/helpers.h"
-#include "tests/support/testutil.h"
+#include "tests/btree/treefixture.h"
 
 namespace {
 
-// Opens the table with a budget for its hash table, page files in a private
-// directory; restores the default budget afterwards.
-struct BudgetedTable {
-    ScopedTempDir dir;
-    ScopedEnv noTmpdir{"TMPDIR", nullptr};
-    explicit BudgetedTable(size_t budget) {
-        tempDir = dir.path.data();
-        hlinkHashBudget = budget;
-        HardLinksOpen();
-    }
-    ~BudgetedTable() {
-        HardLinksFree();
-        hlinkHashBudget = HLINK_HASH_BUDGET;
-        tempDir = nullptr;
-    }
-};
+// The page files go to the fixture's private directory.
+using HardLinkTable = TreeTest;
 
-TEST(HardLinkTable, AnswersAsAMapDoesOnBothSidesOfTheSpill) {
+TEST_F(HardLinkTable, AnswersAsAMapDoesOnBothSidesOfTheSpill) {
     struct Case {
         const char* what;
         size_t budget;
@@ -43,7 +27,8 @@ TEST(HardLinkTable, AnswersAsAMapDoesOnBothSidesOfTheSpill) {
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
-        BudgetedTable table(c.budget);
+        hlinkHashBudget = c.budget;
+        HardLinksOpen();
         // 20,000 inodes seen one to eleven times in a shuffled order, with the
         // free-slot marker 0 and the largest number among them.
         std::mt19937 rng(5);
@@ -86,6 +71,8 @@ TEST(HardLinkTable, AnswersAsAMapDoesOnBothSidesOfTheSpill) {
         if (!c.spills) {
             EXPECT_EQ(HardLinksHashed(), model.size());
         }
+        HardLinksFree();
+        hlinkHashBudget = HLINK_HASH_BUDGET;
     }
 }
 

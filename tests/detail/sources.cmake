@@ -1,5 +1,4 @@
 list(APPEND FERROVAN_TEST_SOURCES
-  detail/compress_limits_test.cpp
   detail/compress_test.cpp
   detail/hardlinks_test.cpp
   detail/writer_test.cpp

@@ -131,7 +131,10 @@ struct WriterRun {
 
 }  // namespace
 
-TEST(Writer, ProducesExactlyTheBuilderBytes) {
+// Each scan is written as the builder lays it down, byte for byte, whether
+// the hard-link table keeps its inodes in its hash table, in hlinkTree, or
+// in both (the hash table full part way through).
+TEST(Writer, ProducesExactlyTheBuilderBytesWhereverTheHardLinkTableKeepsInodes) {
     FakeScan sample = SampleScan();
     FakeScan bare;  // no templates, no hard links; header strings sign-extend high bytes
     bare.mountSource = "server:/exp\xf6rt";
@@ -146,50 +149,37 @@ TEST(Writer, ProducesExactlyTheBuilderBytes) {
     wide.dirs[0].entries.push_back({.name = "d", .mode = S_IFDIR | 0755, .size = 4096, .links = 2, .inode = 99});
     for (uint32_t i = 0; i < 3; i++)
         wide.dirs[1].entries.push_back({.name = std::string(1, 'h').append(std::to_string(i)), .size = 5000000000ull, .links = 3, .inode = 7});
-
-    for (const FakeScan* scan : {&sample, &bare, &empty, &wide}) {
-        SCOPED_TRACE(scan->dirs[0].entries.size());
-        WriterRun run(*scan);
-        std::string written = run.Replay(*scan);
-        std::string expected = BuildDetail(*scan).bytes;
-        EXPECT_TRUE(written == expected) << FirstDifference(written, expected);
-        DtlFault fault;
-        EXPECT_TRUE(DtlCheckFile(run.path.c_str(), &fault)) << fault.offset << ": " << fault.message;
-    }
-}
-
-// The chain of a hard-link-heavy scan is the same byte for byte whether the
-// hard-link table keeps its inodes in its hash table, in hlinkTree, or in
-// both (the hash table full part way through).
-TEST(Writer, HardLinkChainsDoNotDependOnWhereTheTableKeepsInodes) {
-    FakeScan farm;
+    FakeScan farm;  // snapshots, each linking most of the files of the one before it
     farm.dirs = {{"/", {}}};
     for (uint32_t d = 0; d < 30; d++) {
         std::string name = "snap";  // built in steps: g++ 12 warns falsely about "text" + string here
         name += std::to_string(d);
         farm.dirs[0].entries.push_back({.name = name, .mode = S_IFDIR | 0755, .size = 4096, .links = 2, .inode = 90000 + d});
-        std::string path = "/";
-        path += name;
-        farm.dirs.push_back({path, {}});
-        // Each snapshot links most of the files of the one before it.
+        farm.dirs.push_back({"/" + name, {}});
         for (uint32_t f = 0; f < 200; f++) {
-            uint32_t inode = (f * 7 + d) % 10 == 0 ? 100000 * (d + 1) + f : 1000 + f;
-            if (f == 0) inode = 0;  // the low 32 bits of an inode may be 0
+            uint32_t inode = f == 0 ? 0 : (f * 7 + d) % 10 == 0 ? 100000 * (d + 1) + f : 1000 + f;  // low 32 bits may be 0
             farm.dirs.back().entries.push_back(
                 {.name = std::string(1, 'f').append(std::to_string(f)), .size = f, .links = 2 + (d % 9), .inode = inode});
         }
     }
-    const std::string expected = BuildDetail(farm).bytes;
-    for (size_t budget : {HLINK_HASH_BUDGET, 300 * HLINK_SLOT_BYTES, size_t{0}}) {
-        SCOPED_TRACE(budget);
-        hlinkHashBudget = budget;
-        std::string written;
-        {
-            WriterRun run(farm);
-            written = run.Replay(farm);
-            EXPECT_EQ(hlinkTree->rootNode != 0, budget != HLINK_HASH_BUDGET);
+
+    for (const FakeScan* scan : {&sample, &bare, &empty, &wide, &farm}) {
+        const std::string expected = BuildDetail(*scan).bytes;
+        for (size_t budget : {HLINK_HASH_BUDGET, 300 * HLINK_SLOT_BYTES, size_t{0}}) {
+            SCOPED_TRACE(testing::Message() << scan->dirs[0].entries.size() << " entries, budget " << budget);
+            hlinkHashBudget = budget;
+            std::string written;
+            {
+                WriterRun run(*scan);
+                written = run.Replay(*scan);
+                if (scan == &farm) {
+                    EXPECT_EQ(hlinkTree->rootNode != 0, budget != HLINK_HASH_BUDGET);
+                }
+                DtlFault fault;
+                EXPECT_TRUE(DtlCheckFile(run.path.c_str(), &fault)) << fault.offset << ": " << fault.message;
+            }
+            hlinkHashBudget = HLINK_HASH_BUDGET;
+            EXPECT_TRUE(written == expected) << FirstDifference(written, expected);
         }
-        hlinkHashBudget = HLINK_HASH_BUDGET;
-        EXPECT_TRUE(written == expected) << FirstDifference(written, expected);
     }
 }

@@ -1,14 +1,10 @@
 #include "driver/options.h"
 
 #include <gtest/gtest.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <string>
 #include <utility>
 #include <vector>
-
-#include "tests/support/testutil.h"
 
 namespace {
 
@@ -47,7 +43,7 @@ std::string Summary(const std::vector<OptionRec>& table) {
 
 // Accepted lines against the program's own table: what each option took, and
 // the words left in argv for the driver. (The refusals end the program; their
-// messages are checked on the real program below.)
+// messages are checked on the real program in run_test.cpp.)
 TEST(OptionsTest, ParsesAgainstTheProgramsTable) {
     struct Case {
         std::vector<std::string> args;
@@ -67,61 +63,6 @@ TEST(OptionsTest, ParsesAgainstTheProgramsTable) {
             << errText;
         EXPECT_EQ(Summary(table), c.result);
         EXPECT_EQ(argv.Left(), c.left);
-    }
-}
-
-// The real program: a refusal is one line on standard error, status 1,
-// nothing on standard output and no detail file; an accepted line scans
-// the real root "tree".
-TEST(FerrovanOptions, RefusedAndAcceptedLines) {
-    struct Case {
-        std::vector<std::string> args;
-        std::string err;      // empty for an accepted line
-        const char* created = "ferro.dtl";  // the detail file an accepted line writes
-    } cases[] = {
-        {{"-CFG", "x"}, "'-CFG' is an unknown option\n"},
-        {{"-pz"}, "'-z' is an unknown option\n"},
-        {{"-ftag", "x"}, "'-ftag' is an unknown option\n"},  // a longer name only alone in its element
-        {{"+pf"}, "'+p' is an unknown option\n"},
-        {{"-log", "a", "-log", "b"}, "'-log b' is a conflicting option\n"},
-        {{"-p", "-f", "-p"}, "'-p' is a conflicting option\n"},
-        {{"-cfg", "-p"}, "'-cfg' requires an argument\n"},
-        {{"-touch", "abc"}, "'-touch' arguments must be numeric\n"},
-        {{"-pf", "-tmod", "-zip", "-", "tree"}, ""},
-        {{"-touch", "-3", "-dtl", "-5", "tree"}, "", "-5"},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.args[0] + " " + c.err);
-        ScopedTempDir dir;
-        ASSERT_EQ(mkdir((dir / "tree").c_str(), 0755), 0);
-        RunResult r = RunFerrovan(c.args, {.cwd = dir.path});
-        EXPECT_EQ(r.status, c.err.empty() ? 0 : 1);
-        EXPECT_EQ(r.err, c.err);
-        if (c.err.empty()) {
-            EXPECT_TRUE(PathExists(dir / c.created));
-        } else {
-            EXPECT_EQ(r.out, "");
-            EXPECT_FALSE(PathExists(dir / "ferro.dtl"));
-        }
-    }
-}
-
-TEST(FerrovanOptions, UsageAndVersionTexts) {
-    // The texts byte for byte (tabs, trailing blanks and misspellings
-    // included) are kept beside this file.
-    const std::string program = FerrovanPath(), here = FERROVAN_SOURCE_DIR "/tests/driver/";
-    const std::pair<std::vector<std::string>, std::string> cases[] = {
-        // The texts end the run before anything else is read.
-        {{"+?", "-bogus"}, ReadFile(here + "usage.txt") + "For version information enter '" + program + " -?V'\n"},
-        {{"-?V"}, ReadFile(here + "version.txt") + "For usage information enter '" + program + " -?'\n"},
-    };
-    for (const auto& [args, out] : cases) {
-        ScopedTempDir dir;
-        RunResult r = RunProgram(program, args, {.cwd = dir.path});
-        EXPECT_EQ(r.status, 0);
-        EXPECT_EQ(r.err, "");
-        EXPECT_EQ(r.out, out);
-        EXPECT_FALSE(PathExists(dir / "ferro.dtl"));
     }
 }
 

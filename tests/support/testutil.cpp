@@ -1,15 +1,19 @@
 #include "tests/support/testutil.h"
 
 #include <fcntl.h>
+#include <sys/ioctl.h>
 #include <sys/ptrace.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <csignal>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -131,6 +135,97 @@ std::string DtldumpPath() { return DTLDUMP_BIN; }
 
 RunResult RunFerrovan(const std::vector<std::string>& args, const RunOptions& options) {
     return RunProgram(FerrovanPath(), args, options);
+}
+
+std::string CanonicalPath(const std::string& path) {
+    char resolved[PATH_MAX];
+    return realpath(path.c_str(), resolved) ? resolved : path;
+}
+
+std::string ReadToEnd(int fd) {
+    std::string all;
+    char buf[65536];
+    for (ssize_t n; (n = read(fd, buf, sizeof buf)) != 0;) {
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0) break;
+        all.append(buf, static_cast<size_t>(n));
+    }
+    return all;
+}
+
+std::string MaskedLog(std::string log) {
+    for (const char* changing : {"Timestamp: ", "End time: ", "Elapsed: ", "Available space: "}) {
+        for (size_t at = log.find(changing); at != std::string::npos; at = log.find(changing, at + 1)) {
+            size_t from = at + strlen(changing);
+            log.erase(from, std::min(log.find('\n', from), log.size()) - from);
+        }
+    }
+    return log;
+}
+
+Pipe::Pipe() {
+    int fds[2];
+    if (pipe2(fds, O_CLOEXEC) == 0) read = fds[0], write = fds[1];
+}
+
+Pipe::~Pipe() {
+    CloseWrite();
+    if (read >= 0) close(read);
+}
+
+void Pipe::CloseWrite() {
+    if (write >= 0) close(write);
+    write = -1;
+}
+
+bool Pipe::Shrink() const { return fcntl(write, F_SETPIPE_SZ, 4096) >= 4096; }
+
+size_t Pipe::Held() const {
+    int n = 0;
+    return ioctl(read, FIONREAD, &n) == 0 ? static_cast<size_t>(n) : 0;
+}
+
+RunDirs::RunDirs() {
+    chmod(dir.path.c_str(), 0755);
+    for (const char* d : {"root", "work", "tmp"}) mkdir((dir / d).c_str(), 0755);
+    chmod((dir / "work").c_str(), 0777);
+    chmod((dir / "tmp").c_str(), 0777);
+    root = CanonicalPath(dir / "root");
+    work = CanonicalPath(dir / "work");
+    tmp = CanonicalPath(dir / "tmp");
+}
+
+static std::vector<std::string> ScanArgs(const std::string& root, const std::vector<std::string>& extra) {
+    std::vector<std::string> args = {root, "-dtl", "out.dtl", "-f"};
+    args.insert(args.end(), extra.begin(), extra.end());
+    return args;
+}
+
+RunResult RunDirs::Scan(const std::vector<std::string>& extra, RunOptions options) const {
+    options.cwd = work;
+    return RunFerrovan(ScanArgs(root, extra), options);
+}
+
+pid_t RunDirs::Start(const std::vector<std::string>& extra, int out, int err, RunOptions options) const {
+    options.cwd = work;
+    options.env.push_back("TMPDIR=" + tmp);
+    // The leak checker of a sanitizer build refuses to run under a tracer.
+    if (options.traced) options.env.push_back("ASAN_OPTIONS=detect_leaks=0");
+    int stdio[3] = {open("/dev/null", O_RDONLY | O_CLOEXEC), out < 0 ? Create("stdout") : out,
+                    err < 0 ? Create("stderr") : err};
+    pid_t pid = StartProgram(FerrovanPath(), ScanArgs(root, extra), stdio, options);
+    close(stdio[0]);
+    if (out < 0) close(stdio[1]);
+    if (err < 0) close(stdio[2]);
+    return pid;
+}
+
+int RunDirs::Create(const std::string& name) const {
+    return open((work + "/" + name).c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+}
+
+void RunDirs::ClearWork() const {
+    for (const std::string& name : Entries(work)) unlink((work + "/" + name).c_str());
 }
 
 uint16_t Le16(const std::string& b, size_t o) {

@@ -100,6 +100,48 @@ std::string WrittenTo(FILE*& stream, Op op) {
     return written;
 }
 
+/// The path with links and dots resolved (the path itself when it cannot be).
+std::string CanonicalPath(const std::string& path);
+/// Everything read from fd up to the end of the stream (or an error, as a
+/// terminal's master side gives once its last slave is closed).
+std::string ReadToEnd(int fd);
+/// The log with the values that change from run to run (time stamps, times,
+/// free space) cut out, up to the end of their lines.
+std::string MaskedLog(std::string log);
+
+/// A pipe whose ends are close-on-exec and closed when it goes out of scope.
+struct Pipe {
+    int read = -1, write = -1;
+    Pipe();
+    ~Pipe();
+    Pipe(const Pipe&) = delete;
+    Pipe& operator=(const Pipe&) = delete;
+    void CloseWrite();
+    /// Shrinks the pipe to one page, so that a writer soon waits for the reader.
+    bool Shrink() const;
+    /// Bytes written and not yet read.
+    size_t Held() const;
+};
+
+/// A scratch directory with the tree to scan (root), the working directory
+/// of the runs (work) and their TMPDIR (tmp), named as realpath names them
+/// and open to the unprivileged user of the permission tests.
+struct RunDirs {
+    ScopedTempDir dir;
+    std::string root, work, tmp;
+    RunDirs();
+    /// Runs Ferrovan in work: root -dtl out.dtl -f, then extra.
+    RunResult Scan(const std::vector<std::string>& extra = {}, RunOptions options = {}) const;
+    /// Starts the same run with TMPDIR=tmp, standard input /dev/null, and
+    /// standard output and error on out and err (-1: the files work/stdout
+    /// and work/stderr); returns its process id.
+    pid_t Start(const std::vector<std::string>& extra, int out = -1, int err = -1, RunOptions options = {}) const;
+    /// work/name created empty for writing, close-on-exec.
+    int Create(const std::string& name) const;
+    /// Removes every file in work.
+    void ClearWork() const;
+};
+
 /// Little-endian readers for checking binary layouts.
 uint16_t Le16(const std::string& bytes, size_t offset);
 uint32_t Le32(const std::string& bytes, size_t offset);
