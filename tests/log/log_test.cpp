@@ -89,22 +89,27 @@ TEST(Ending, AFifthRegistrationIsRefused) {
     for (int slot : slots) KeepOnFatalExit(slot);
 }
 
-// The handler ends the run as a fatal error does: registered files go, the
-// signal's line reaches the error file and standard error, status 128 + N.
+// The handler ends the run as a fatal error does: -p's lines still waiting
+// reach the log, registered files go, the signal's line reaches the error
+// file and standard error, status 128 + N.
 // A signal ignored at the start, as nohup leaves SIGHUP, stays ignored.
 TEST(Ending, AnInterruptEndsTheRunLikeAFatalError) {
     ScopedTempDir dir;
     WriteFile(dir / "made", "x");
-    const std::string errPath = dir / "err";
+    const std::string errPath = dir / "err", logPath = dir / "log";
     EXPECT_EXIT(
         {
             errFile = fopen(errPath.c_str(), "w");
+            logFile = fopen(logPath.c_str(), "w");
+            LogTraceLine("/a");
+            LogTraceLine("/a/b");
             RemoveOnFatalExit((dir / "made").c_str());
             InstallInterruptHandlers();
             raise(SIGTERM);
         },
         testing::ExitedWithCode(128 + SIGTERM), "^Scan interrupted by signal 15 \\(Terminated\\)\n$");
     EXPECT_EQ(ReadFile(errPath), "Scan interrupted by signal 15 (Terminated)\n");
+    EXPECT_EQ(ReadFile(logPath), "/a\n/a/b\n");
     EXPECT_FALSE(PathExists(dir / "made"));
     EXPECT_EXIT(
         {
