@@ -23,3 +23,8 @@ echo "== build/release/Ferrovan $target -dtl demo.dtl -tag demo (the execution l
 echo
 echo "== build/release/dtldump --summary demo.dtl (the detail file, read back and checked)"
 build/release/dtldump --summary "$out/demo.dtl"
+echo
+echo "== build/release/dtldump top -n 8 demo.dtl (the largest directories, from the same file)"
+build/release/dtldump top -n 8 "$out/demo.dtl"
+echo
+echo "Next: build/release/dtldump owners|age|types|export|diff|html FILE (see docs/dtldump.1)"
