@@ -16,43 +16,17 @@
 // The records are reached through the seed corpus (fuzz/corpus/dtl_report/:
 // files written by the program on tiny trees, plain, compressed, with hard
 // links, odd names and an unfinished one).
-#include <sys/mman.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cstdint>
-#include <cstdio>
 #include <string>
 
+#include "fuzz/memoryfile.h"
 #include "reader/dtlread.h"
 #include "reader/export.h"
 #include "reader/htmlreport.h"
 #include "reader/report.h"
 #include "reader/reportprint.h"
 #include "reader/textout.h"
-
-static void Check(bool ok) {
-    if (!ok) __builtin_trap();
-}
-
-// The reader opens files by name; the memory file is reached through /proc.
-static int memoryFile = -1;
-static char memoryPath[64];
-
-static bool Store(const uint8_t* data, size_t size) {
-    if (memoryFile < 0) {
-        memoryFile = memfd_create("dtl_report_fuzz", MFD_CLOEXEC);
-        Check(memoryFile >= 0);
-        snprintf(memoryPath, sizeof memoryPath, "/proc/self/fd/%d", memoryFile);
-    }
-    if (ftruncate(memoryFile, 0) != 0) return false;
-    for (size_t done = 0; done < size;) {
-        ssize_t put = pwrite(memoryFile, data + done, size - done, static_cast<off_t>(done));
-        if (put <= 0) return false;
-        done += static_cast<size_t>(put);
-    }
-    return true;
-}
 
 static Tally Sum(const std::vector<OwnerRow>& rows) {
     Tally sum;
@@ -114,7 +88,8 @@ static void CheckPage(const ReportScan& s) {
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    if (!Store(data, size)) return 0;
+    const char* memoryPath = StoreInput(data, size);
+    if (!memoryPath) return 0;
     DtlFault fault;
     const bool sound = DtlCheckFile(memoryPath, &fault);
 
