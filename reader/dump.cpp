@@ -12,8 +12,6 @@
 // UTF-8 as \xNN; JSON gives a string that is not UTF-8 a "...Hex" twin
 // holding its bytes in hexadecimal.
 
-#include <sys/stat.h>
-
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -41,19 +39,6 @@ void Flush() {
 void AddQuoted(std::string_view text) { AppendEscaped(&out, text, true); }
 
 void AddJsonMember(const char* key, std::string_view text) { AppendJsonMember(&out, key, text); }
-
-const char* TypeName(uint32_t mode) {
-    switch (mode & S_IFMT) {
-        case S_IFREG: return "file";
-        case S_IFDIR: return "dir";
-        case S_IFLNK: return "symlink";
-        case S_IFCHR: return "chardev";
-        case S_IFBLK: return "blockdev";
-        case S_IFIFO: return "fifo";
-        case S_IFSOCK: return "socket";
-        default: return "unknown";
-    }
-}
 
 // %llu takes unsigned long long, which uint64_t is not on every platform.
 unsigned long long ToUll(uint64_t v) { return v; }
@@ -197,7 +182,7 @@ void PrintRecordText(const DtlRecord& rec) {
             AddQuoted(rec.target);
         }
         Add("  %s mode=0%o links=%u%s uid=%u gid=%u inode=%u size=%llu ctime=%u atime=%u mtime=%u\n",
-            TypeName(f.mode), f.mode & 07777, f.linkCount, f.entryFlags & DTL_HARDLINK ? " hardlink" : "", f.uid,
+            KindName(f.mode), f.mode & 07777, f.linkCount, f.entryFlags & DTL_HARDLINK ? " hardlink" : "", f.uid,
             f.gid, f.inode, ToUll(f.size), f.ctime, f.atime, f.mtime);
     }
     Flush();
@@ -223,7 +208,7 @@ void PrintRecordJson(const DtlRecord& rec, bool first) {
         }
         Add(", \"type\": \"%s\", \"entryFlags\": %u, \"hardLink\": %s, \"mode\": %u, \"uid\": %u, \"gid\": %u, "
             "\"inode\": %u, \"links\": %u, \"size\": %llu, \"ctime\": %u, \"atime\": %u, \"mtime\": %u}",
-            TypeName(f.mode), f.entryFlags, f.entryFlags & DTL_HARDLINK ? "true" : "false", f.mode, f.uid, f.gid,
+            KindName(f.mode), f.entryFlags, f.entryFlags & DTL_HARDLINK ? "true" : "false", f.mode, f.uid, f.gid,
             f.inode, f.linkCount, ToUll(f.size), f.ctime, f.atime, f.mtime);
     }
     Flush();
