@@ -1,6 +1,6 @@
 // dtldump's report commands as people and scripts run them: the command
-// line, the tables and JSON, CSV and NDJSON read back by real parsers,
-// compressed files, and damaged or unfinished ones.
+// line (the dump's and the HTML report's too), the tables and JSON, CSV and
+// NDJSON read back by real parsers, and damaged or unfinished files.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -11,8 +11,8 @@
 #include <set>
 #include <sstream>
 
-#include "detail/compress.h"
 #include "reader/dtlread.h"
+#include "reader/textout.h"
 #include "tests/reader/scantree.h"
 #include "tests/support/dtlbuilder.h"
 #include "tests/support/treebuilder.h"
@@ -20,10 +20,6 @@
 namespace {
 
 using T = TreeItem;
-
-RunResult Dtldump(const std::vector<std::string>& args, const std::string& cwd = "") {
-    return RunProgram(DtldumpPath(), args, {.cwd = cwd});
-}
 
 // The output's lines with each run of blanks made one blank, for checking
 // table rows without their alignment.
@@ -39,18 +35,8 @@ std::set<std::string> Rows(const std::string& text) {
     return rows;
 }
 
-// Runs a Python program on text and returns what it prints ("" and a test
-// failure when it fails): the real parsers of the formats.
-std::string Python(const std::string& program, const std::string& input) {
-    RunResult run = RunProgram("python3", {"-c", program}, {.input = input});
-    EXPECT_EQ(run.status, 0) << run.err;
-    return run.out;
-}
-
 const char* const JSON_FIELDS = R"(import json, sys
 doc = json.loads(sys.stdin.buffer.read())
-for path in sys.argv[1:] if len(sys.argv) > 1 else []:
-    pass
 def walk(v, key=''):
     if isinstance(v, dict):
         for k, x in v.items(): walk(x, key + '.' + k if key else k)
@@ -72,22 +58,23 @@ FakeScan OddScan() {
 
 TEST(DtldumpCommands, ReadTheCommandLineAsDocumented) {
     ScopedTempDir dir;
-    WriteFile(dir / "s.dtl", BuildDetail(SampleScan()).bytes);
-    WriteFile(dir / "top", BuildDetail(SampleScan()).bytes);  // a file named like a command
+    const FakeFile sample = BuildDetail(SampleScan());
+    const std::string sound = dir / "s.dtl", cut = dir / "cut.dtl", page = dir / "page.html";
+    WriteFile(sound, sample.bytes);
+    WriteFile(dir / "top", sample.bytes);  // a file named like a command
+    WriteFile(cut, sample.bytes.substr(0, sample.recordPos.at("dir:/b") + 30));
     struct Case {
         std::vector<std::string> args;
         int status;
         std::string out, err;  // each must be found in its stream
+        bool written = false;  // page.html exists afterwards
     } cases[] = {
         {{"--help"}, 0, "  top      the largest directories", ""},
-        {{"--help"}, 0, "write ./top for a file named top", ""},
-        {{"top", "--help"}, 0, "usage: dtldump [--json] [--summary] FILE", ""},
+        {{"top", "--help"}, 0, "write ./top for a file named top", ""},
         {{"./top"}, 0, "Structure: sound", ""},
-        {{"--summary", "top"}, 0, "Structure: sound", ""},  // the old form takes it as a file
         {{"--", "top"}, 0, "Structure: sound", ""},
         {{"top", "-n1", "--depth=0", "s.dtl"}, 0, "/data\n", ""},
         {{"top"}, 1, "", "dtldump: top takes one detail file\nusage:"},
-        {{"top", "s.dtl", "s.dtl"}, 1, "", "top takes one detail file"},
         {{"diff", "s.dtl"}, 1, "", "diff takes two detail files: OLD NEW"},
         {{"top", "--by", "bogus", "s.dtl"}, 1, "", "--by takes size or entries, not 'bogus'"},
         {{"owners", "--depth", "2", "s.dtl"}, 1, "", "option '--depth' does not apply to owners"},
@@ -98,17 +85,39 @@ TEST(DtldumpCommands, ReadTheCommandLineAsDocumented) {
         {{"top", "--bogus", "s.dtl"}, 1, "", "unknown option '--bogus'"},
         {{"top", "--partial=yes", "s.dtl"}, 1, "", "option '--partial' takes no value"},
         {{"types", "missing.dtl"}, 1, "", "dtldump: missing.dtl: cannot open: No such file or directory\n"},
+        {{"html", "s.dtl"}, 0, "<!DOCTYPE html>", ""},
+        {{"html", "--output", page, "s.dtl"}, 0, "", "", true},
+        {{"html", "s.dtl", "-o" + page, "--colour=age", "--min-share", "5", "-n", "3"}, 0, "", "", true},
+        {{"html", "--partial", "cut.dtl"}, 0, "<p class=\"note\">PARTIAL: ", ""},
+        {{"html", "--json", "s.dtl"}, 1, "", "option '--json' does not apply to html"},
+        {{"html", "--colour", "red", "s.dtl"}, 1, "", "--colour takes top or age, not 'red'"},
+        {{"html", "--min-share", "101", "s.dtl"}, 1, "", "--min-share takes a percentage from 0 to 100, not '101'"},
+        {{"html", "--min-share", "1%", "s.dtl"}, 1, "", "not '1%'"},
+        {{"top", "-o", page, "s.dtl"}, 1, "", "option '-o' does not apply to top"},
+        {{"html", "-o", page, "cut.dtl"}, 1, "", "dtldump: cut.dtl: offset "},
+        {{"html", "-o", dir / "missing/page.html", "s.dtl"}, 1, "", "dtldump: cannot write " + dir / "missing/page.html"},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(testing::PrintToString(c.args));
-        RunResult run = Dtldump(c.args, dir.path);
+        unlink(page.c_str());
+        RunResult run = RunDtldump(c.args, {.cwd = dir.path});
         EXPECT_EQ(run.status, c.status) << run.err;
-        EXPECT_NE(run.out.find(c.out), std::string::npos) << run.out;
+        EXPECT_NE(run.out.find(c.out), std::string::npos) << run.out.substr(0, 200);
         EXPECT_NE(run.err.find(c.err), std::string::npos) << run.err;
-        if (c.status) {
+        EXPECT_EQ(PathExists(page), c.written);
+        if (c.status || c.written) {
             EXPECT_EQ(run.out, "");
         }
     }
+    // A page that cannot be written whole is removed.
+    RunResult cutShort = RunDtldump({"html", "-o", page, sound}, {.fileSizeLimit = 4096});
+    EXPECT_EQ(cutShort.status, 1);
+    EXPECT_EQ(cutShort.err, "dtldump: cannot write " + page + ": File too large\n");
+    EXPECT_FALSE(PathExists(page));
+    // What the page's options change on it.
+    RunResult options = RunDtldump({"html", "--colour", "age", "--min-share", "2.5", sound});
+    EXPECT_NE(options.out.find("\"minShare\": 0.025, \"colour\": \"age\""), std::string::npos);
+    EXPECT_NE(options.out.find("of at least 2.5 % of the root"), std::string::npos);
 }
 
 // The tables and JSON of each report on a built file whose figures are
@@ -153,12 +162,12 @@ TEST(DtldumpCommands, PrintTablesAndJsonOfTheFigures) {
         SCOPED_TRACE(testing::PrintToString(c.args));
         std::vector<std::string> args = c.args;
         args.push_back(path);
-        RunResult text = Dtldump(args);
+        RunResult text = RunDtldump(args);
         ASSERT_EQ(text.status, 0) << text.err;
         std::set<std::string> rows = Rows(text.out);
         for (const std::string& row : c.rows) EXPECT_TRUE(rows.count(row)) << row << "\nin\n" << text.out;
         args.insert(args.begin() + 1, "--json");
-        RunResult json = Dtldump(args);
+        RunResult json = RunDtldump(args);
         ASSERT_EQ(json.status, 0) << json.err;
         std::set<std::string> members = Rows(Python(JSON_FIELDS, json.out));
         for (const std::string& m : c.json) EXPECT_TRUE(members.count(m)) << m << "\nin\n" << json.out;
@@ -174,8 +183,7 @@ std::string ExpectedRow(const std::string& root, const SeenEntry& e) {
     if (n > 0) target.assign(link, static_cast<size_t>(n));
     auto hex = [](const std::string& bytes) {
         std::string out;
-        char two[3];
-        for (unsigned char c : bytes) snprintf(two, sizeof two, "%02x", c), out += two;
+        AppendHex(&out, bytes);
         return out;
     };
     auto iso = [](time_t t) {
@@ -216,7 +224,7 @@ for line in sys.stdin.buffer.read().decode('utf-8').splitlines():
           r['mtime'], r['mtimeSec'], r['atime'], r['atimeSec'], r['ctime'], r['ctimeSec'], raw('target').hex()))";
 
 TEST(DtldumpCommands, ExportIsReadBackByRealParsersWhateverTheNames) {
-    ScanSpace space;
+    RunDirs space;
     MakeTree(space.root, {{T::FILE, "comma,name", "1"},
                           {T::FILE, "quote\"name", "22"},
                           {T::FILE, "new\nline", "333"},
@@ -236,7 +244,7 @@ TEST(DtldumpCommands, ExportIsReadBackByRealParsersWhateverTheNames) {
                           {T::SYMLINK, "plain-link", "comma,name"},
                           {T::FIFO, "pipe"}});
     const std::vector<SeenEntry> seen = WalkTree(space.root);
-    std::string file = space.Scan("scan.dtl");
+    std::string file = ScanTree(space, "scan.dtl");
     std::multiset<std::string> expected;
     for (const SeenEntry& e : seen) expected.insert(ExpectedRow(space.root, e));
     struct Case {
@@ -248,7 +256,7 @@ TEST(DtldumpCommands, ExportIsReadBackByRealParsersWhateverTheNames) {
         SCOPED_TRACE(testing::PrintToString(c.args));
         std::vector<std::string> args = c.args;
         args.push_back(file);
-        RunResult run = Dtldump(args);
+        RunResult run = RunDtldump(args);
         ASSERT_EQ(run.status, 0) << run.err;
         EXPECT_EQ(run.err, "");
         std::istringstream got(Python(c.reader, run.out));
@@ -272,11 +280,10 @@ size_t CompleteEntryRecords(const std::string& bytes, size_t pos) {
 
 TEST(DtldumpCommands, RefuseDamagedAndUnfinishedFilesUnlessPartial) {
     // A real unfinished file: the scan could not write past 20,000 bytes.
-    ScanSpace space;
+    RunDirs space;
     for (int i = 0; i < 300; i++) WriteFile(space.root + "/" + std::to_string(i) + std::string(150, 'x'), "");
-    RunResult run = RunFerrovan({space.root, "-dtl", "idtl.dtl", "-f"}, {.cwd = space.work, .fileSizeLimit = 20000});
-    ASSERT_EQ(run.status, 1);
-    const std::string unfinished = space.work + "/idtl.dtl";
+    ASSERT_EQ(space.Scan({}, {.fileSizeLimit = 20000}).status, 1);
+    const std::string unfinished = space.work + "/out.dtl";
     const std::string idtl = ReadFile(unfinished);
     size_t strings = 284;
     for (int i = 0; i < 3; i++) strings += 2 + Le16(idtl, strings);  // node name, tag, root path
@@ -306,7 +313,7 @@ TEST(DtldumpCommands, RefuseDamagedAndUnfinishedFilesUnlessPartial) {
             SCOPED_TRACE(std::string(command) + " " + in.path);
             std::vector<std::string> args = {command, in.path};
             if (args[0] == "diff") args.insert(args.begin() + 1, {"--force", sound});
-            RunResult refused = Dtldump(args);
+            RunResult refused = RunDtldump(args);
             EXPECT_EQ(refused.status, 1);
             EXPECT_EQ(refused.err, refusal);
             if (args[0] != "export") {
@@ -314,7 +321,7 @@ TEST(DtldumpCommands, RefuseDamagedAndUnfinishedFilesUnlessPartial) {
             }
 
             args.insert(args.begin() + 1, "--partial");
-            RunResult partial = Dtldump(args);
+            RunResult partial = RunDtldump(args);
             EXPECT_EQ(partial.status, 0) << partial.err;
             std::string note = args[0] == "export" ? partial.err : partial.out;
             EXPECT_NE(note.find("PARTIAL: "), std::string::npos) << note;
@@ -329,35 +336,6 @@ TEST(DtldumpCommands, RefuseDamagedAndUnfinishedFilesUnlessPartial) {
     }
 }
 
-TEST(DtldumpCommands, GiveTheSameReportsForACompressedFile) {
-    ScopedTempDir dir;
-    std::string plain = dir / "plain.dtl", packed = dir / "packed.dtl";
-    WriteFile(plain, BuildDetail(OddScan()).bytes);
-    ASSERT_EQ(compressFile(plain.c_str(), packed.c_str()), 0);
-    for (const char* command : {"top", "owners", "age", "types", "export", "diff"}) {
-        for (bool json : {false, true}) {
-            SCOPED_TRACE(std::string(command) + (json ? " --json" : ""));
-            auto args = [&](const std::string& path) {
-                std::vector<std::string> a = {command, path};
-                if (a[0] == "diff") a.insert(a.begin() + 1, path);
-                if (json) a.insert(a.begin() + 1, "--json");
-                return a;
-            };
-            RunResult a = Dtldump(args(plain)), b = Dtldump(args(packed));
-            ASSERT_EQ(b.status, 0) << b.err;
-            std::string expected = a.out;
-            for (size_t at; (at = expected.find("plain.dtl")) != std::string::npos;) {
-                expected.replace(at, 9, "packed.dtl");
-                at = expected.find_first_of(",\n", at);
-                expected.insert(at, json ? "" : " (compressed)");
-            }
-            for (size_t at = 0; (at = expected.find("\"compressed\": false", at)) != std::string::npos;)
-                expected.replace(at, 19, "\"compressed\": true");
-            EXPECT_EQ(b.out, expected);
-        }
-    }
-}
-
 TEST(DtldumpCommands, DiffComparesOnlyScansOfOneRootUnlessForced) {
     ScopedTempDir dir;
     FakeScan other = SampleScan();
@@ -366,12 +344,12 @@ TEST(DtldumpCommands, DiffComparesOnlyScansOfOneRootUnlessForced) {
     other.dirs[3].entries.push_back({.name = "added", .size = 1000, .inode = 40});
     WriteFile(dir / "a.dtl", BuildDetail(SampleScan()).bytes);
     WriteFile(dir / "b.dtl", BuildDetail(other).bytes);
-    RunResult refused = Dtldump({"diff", dir / "a.dtl", dir / "b.dtl"});
+    RunResult refused = RunDtldump({"diff", dir / "a.dtl", dir / "b.dtl"});
     EXPECT_EQ(refused.status, 1);
     EXPECT_EQ(
         refused.err,
         "dtldump: the two scans are of different roots, \"/data\" and \"/elsewhere\"; --force compares them anyway\n");
-    RunResult forced = Dtldump({"diff", "--force", dir / "a.dtl", dir / "b.dtl"});
+    RunResult forced = RunDtldump({"diff", "--force", dir / "a.dtl", dir / "b.dtl"});
     ASSERT_EQ(forced.status, 0) << forced.err;
     // Each row in the table it belongs to: the tables follow each other.
     const std::string& out = forced.out;
