@@ -68,15 +68,10 @@ TEST(DtlPipe, HandsOnEveryRecordAsTheReaderReadsIt) {
         DtlClose(&a);
         DtlClose(&b);
     }
-}
-
-TEST(DtlPipe, StopsWhenTheCallerStopsTakingRecords) {
-    ScopedTempDir dir;
-    std::string path = dir / "f.dtl";
-    WriteFile(path, BuildDetail(LargeScan()).bytes);
+    // A caller that stops taking records stops the reading.
     for (int taken : {0, 1, 5000, 20000}) {
         DtlReader r;
-        ASSERT_TRUE(DtlOpen(&r, path.c_str()));
+        ASSERT_TRUE(DtlOpen(&r, sound.c_str()));
         DtlPipe* pipe = DtlPipeStart(&r);
         for (int i = 0; i < taken; i++) ASSERT_NE(DtlPipeNext(pipe), nullptr);
         EXPECT_EQ(DtlPipeFinish(pipe), DTL_STEP_RECORD) << taken;  // stopped before the end
