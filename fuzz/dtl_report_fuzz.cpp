@@ -28,13 +28,15 @@
 #include "reader/reportprint.h"
 #include "reader/textout.h"
 
+static void Add(Tally* sum, const Tally& t) {
+    sum->entries += t.entries;
+    sum->files += t.files;
+    sum->bytes += t.bytes;
+}
+
 static Tally Sum(const std::vector<OwnerRow>& rows) {
     Tally sum;
-    for (const OwnerRow& r : rows) {
-        sum.entries += r.tally.entries;
-        sum.files += r.tally.files;
-        sum.bytes += r.tally.bytes;
-    }
+    for (const OwnerRow& r : rows) Add(&sum, r.tally);
     return sum;
 }
 
@@ -50,12 +52,9 @@ static void CheckFigures(const ReportScan& s) {
     for (const DirRow& d : s.dirs) Check(d.total.bytes >= d.coldBytes && d.total.files >= d.coldFiles);
     Check(Same(Sum(s.users), all) && Same(Sum(s.groups), all));
     Tally kinds, modified, accessed;
-    for (const Tally& k : s.kinds) kinds.entries += k.entries, kinds.files += k.files, kinds.bytes += k.bytes;
+    for (const Tally& k : s.kinds) Add(&kinds, k);
     Check(Same(kinds, all));
-    for (const AgeRow& a : s.ages) {
-        modified.files += a.modified.files, modified.bytes += a.modified.bytes;
-        accessed.files += a.accessed.files, accessed.bytes += a.accessed.bytes;
-    }
+    for (const AgeRow& a : s.ages) Add(&modified, a.modified), Add(&accessed, a.accessed);
     Check(modified.files == t.files && accessed.files == t.files && modified.bytes == accessed.bytes);
     uint64_t extensionFiles = 0;
     for (const ExtensionRow& e : s.extensions) extensionFiles += e.tally.files;
@@ -70,9 +69,7 @@ static void CheckPage(const ReportScan& s) {
             int32_t p = cells[i].parent;
             if (p < 0) continue;
             Check(static_cast<size_t>(p) < i && !cells[p].other);
-            inside[p].entries += cells[i].tally.entries;
-            inside[p].files += cells[i].tally.files;
-            inside[p].bytes += cells[i].tally.bytes;
+            Add(&inside[p], cells[i].tally);
         }
         for (size_t i = 0; i < cells.size(); i++)
             if (!cells[i].other) Check(Same(inside[i], cells[i].tally));

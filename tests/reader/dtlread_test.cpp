@@ -75,14 +75,27 @@ TEST(DtlReadTest, ReadsASoundFilePlainOrCompressed) {
     DtlClose(&root);
 }
 
-// One damage per kind of check; the fault is named where the damage is.
+// One damage per kind of check; the fault is named where the damage is
+// (a compressed stream's own faults name the bytes inflated so far).
 TEST(DtlReadTest, NamesTheFirstFault) {
+    ScopedTempDir dir;
+    WriteSample(dir);
     const FakeFile f = BuildDetail(SampleScan());
     FakeScan reordered = SampleScan();
     std::rotate(reordered.dirs.begin() + 1, reordered.dirs.begin() + 3, reordered.dirs.end());  // "/b" before "/a"
     const FakeFile r = BuildDetail(reordered);
     auto rec = [&](const char* key) { return f.recordPos.at(key); };
     const uint64_t noDamage = ~0ull;
+    int n = 0;
+    auto check = [&](const std::string& bytes, const std::string& message, uint64_t faultAt) {
+        SCOPED_TRACE(message);
+        std::string path = dir / (std::to_string(n++) + ".dtl");  // a new file each: rewriting one is slow
+        WriteFile(path, bytes);
+        DtlFault fault;
+        ASSERT_FALSE(DtlCheckFile(path.c_str(), &fault));
+        EXPECT_NE(fault.message.find(message), std::string::npos) << fault.message;
+        EXPECT_EQ(fault.offset, faultAt == noDamage ? fault.offset : faultAt) << fault.message;
+    };
     struct Case {
         const char* message;
         uint64_t at;
@@ -107,20 +120,23 @@ TEST(DtlReadTest, NamesTheFirstFault) {
         {"prevEntry is 0, expected 24", f.tablePos + 24 * 4, 8, 0},
         {"\"/a\" is out of walk order", noDamage, 0, 0, r.recordPos.at("dir:/a")},
     };
-    ScopedTempDir dir;
-    int n = 0;
     for (const Case& c : cases) {
-        SCOPED_TRACE(c.message);
-        std::string path = dir / (std::to_string(n++) + ".dtl");  // a new file each: rewriting one is slow
         std::string bytes = c.at == noDamage ? r.bytes : f.bytes;
         if (c.at != noDamage && c.width == 0) bytes.resize(c.at);
         if (c.at != noDamage && c.width != 0) PutLe(bytes, c.at, c.value, c.width);
-        WriteFile(path, bytes);
-        DtlFault fault;
-        ASSERT_FALSE(DtlCheckFile(path.c_str(), &fault));
-        EXPECT_NE(fault.message.find(c.message), std::string::npos) << fault.message;
-        EXPECT_EQ(fault.offset, c.faultAt == noDamage ? c.at : c.faultAt) << fault.message;
+        check(bytes, c.message, c.faultAt == noDamage ? c.at : c.faultAt);
     }
+    const std::string good = ReadFile(dir / "packed.dtl");
+    const std::pair<const char*, std::string> packed[] = {
+        {"its Adler-32 trailer", good.substr(0, good.size() - 1) + static_cast<char>(good.back() ^ 1)},
+        {"bytes follow the end of its compressed stream", good + "x"},
+        {"the file ends inside its Adler-32 trailer", good.substr(0, good.size() - 2)},
+        {"the file ends inside its compressed stream", good.substr(0, good.size() / 2)},
+        {"the deflate data is invalid at byte 3 of the compressed file (invalid block type)",
+         good.substr(0, 2) + "\xff" + good.substr(3)},
+    };
+    for (const auto& [message, bytes] : packed)
+        check(bytes, std::string("compressed detail file cannot be decompressed: ") + message, noDamage);
 }
 
 // Cut at any length, plain or compressed, a file gives a clean fault, never
@@ -138,33 +154,6 @@ TEST(DtlReadTest, ReportsACleanErrorForAFileCutAtAnyLength) {
             EXPECT_FALSE(fault.message.empty()) << length;
             EXPECT_LE(fault.offset, plain ? length : SIZE_MAX) << length << ": " << fault.message;
         }
-    }
-}
-
-TEST(DtlReadTest, NamesTheFaultOfADamagedCompressedStream) {
-    ScopedTempDir dir;
-    WriteSample(dir);
-    const std::string good = ReadFile(dir / "packed.dtl");
-    struct Case {
-        const char* message;
-        std::string bytes;
-    } cases[] = {
-        {"its Adler-32 trailer", good.substr(0, good.size() - 1) + static_cast<char>(good.back() ^ 1)},
-        {"bytes follow the end of its compressed stream", good + "x"},
-        {"the file ends inside its Adler-32 trailer", good.substr(0, good.size() - 2)},
-        {"the file ends inside its compressed stream", good.substr(0, good.size() / 2)},
-        {"the deflate data is invalid at byte 3 of the compressed file (invalid block type)", good.substr(0, 2) + "\xff" + good.substr(3)},
-    };
-    int n = 0;
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.message);
-        std::string path = dir / (std::to_string(n++) + ".dtl");
-        WriteFile(path, c.bytes);
-        DtlFault fault;
-        ASSERT_FALSE(DtlCheckFile(path.c_str(), &fault));
-        EXPECT_NE(fault.message.find("compressed detail file cannot be decompressed: "), std::string::npos)
-            << fault.message;
-        EXPECT_NE(fault.message.find(c.message), std::string::npos) << fault.message;
     }
 }
 
