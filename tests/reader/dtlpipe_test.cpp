@@ -23,11 +23,7 @@ FakeScan LargeScan() {
         for (uint32_t f = 0; f < 100; f++) {
             FakeEntry e{.name = std::string(200, 'a' + f % 26) + std::to_string(f), .size = f, .inode = d * 1000 + f};
             if (f % 10 == 0)
-                e = {.name = std::string("l") + std::to_string(f),
-                     .mode = S_IFLNK | 0777,
-                     .size = 3,
-                     .inode = e.inode,
-                     .target = std::string(500, 't')};
+                e.name = std::string("l") + std::to_string(f), e.mode = S_IFLNK | 0777, e.target.assign(500, 't');
             if (f % 7 == 0) e.links = 2, e.inode = 7;  // one inode with many names
             dir.entries.push_back(e);
         }

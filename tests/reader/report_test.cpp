@@ -35,7 +35,8 @@ void Chown(const std::string& path, uid_t uid, gid_t gid) {
 
 void SetTimes(const std::string& path, int64_t atime, int64_t mtime) {
     struct timespec times[2] = {{atime, 0}, {mtime, 0}};
-    if (utimensat(AT_FDCWD, path.c_str(), times, AT_SYMLINK_NOFOLLOW) != 0) ADD_FAILURE() << "cannot set times of " << path;
+    if (utimensat(AT_FDCWD, path.c_str(), times, AT_SYMLINK_NOFOLLOW) != 0)
+        ADD_FAILURE() << "cannot set times of " << path;
 }
 
 const Tree TREES[] = {
