@@ -19,60 +19,30 @@ void WriteSample(const ScopedTempDir& dir) {
     ASSERT_EQ(compressFile((dir / "plain.dtl").c_str(), (dir / "packed.dtl").c_str()), 0);
 }
 
-// Reads a whole file: each record as "dir <path> <files>/<subdirs>/<bytes>",
-// "<path>[ -> <target>] counted|-" or "end", the names DtlNameAt gives for
-// each hard-link table entry as "link <dir> <name>", and how it ended.
-std::vector<std::string> Walk(const std::string& path, const DtlOpenOptions& options, DtlReader* r) {
-    std::vector<std::string> seen;
-    DtlStep step = DTL_STEP_FAULT;
-    if (DtlOpen(r, path.c_str(), options)) {
-        while ((step = DtlNext(r)) == DTL_STEP_RECORD || step == DTL_STEP_LINK) {
-            const DtlRecord& rec = r->rec;
-            const DtlRecordFixed& f = rec.fixed;
-            if (step == DTL_STEP_LINK) {
-                std::string dir = "?", name = "?";
-                DtlNameAt(r, r->link.entry.parentDirPos, &dir);
-                DtlNameAt(r, r->link.entry.recordPos, &name);
-                seen.push_back("link " + dir + " " + name);
-            } else if (rec.kind == DTL_REC_DIR_HEADER) {
-                seen.push_back(Cat("dir ", rec.name, " ", std::to_string(f.atime), "/", std::to_string(f.mtime), "/",
-                                   std::to_string(f.size)));
-            } else if (rec.kind == DTL_REC_ENTRY) {
-                seen.push_back(Cat(DtlJoinPath(rec.dirPath, rec.name), rec.target.empty() ? "" : " -> ", rec.target,
-                                   rec.counted ? " counted" : " -"));
-            } else {
-                seen.push_back("end");
-            }
-        }
-    }
-    seen.push_back(step == DTL_STEP_DONE ? "done" : "fault: " + r->fault.message);
-    return seen;
-}
-
 TEST(DtlReadTest, ReadsASoundFilePlainOrCompressed) {
     ScopedTempDir dir;
     WriteSample(dir);
-    const std::vector<std::string> expected = {
-        "dir / 3/3/161", "/f1 counted", "/a counted", "/l -> /etc/passwd counted", "/h1 counted", "/b counted",
-        "/x counted", "dir /a 2/1/57",
-        "/a/h2 -",  // the second name of inode 77: its size counts once
-        "/a/c counted", "/a/caf\xe9 counted", "dir /a/c 0/0/0", "dir /b 1/0/0", "/b/n\nl counted", "end",
-        "link / a", "link / h1", "link / b", "link / x", "link /a h2", "link /a c", "done"};
+    const std::vector<std::string> records = {
+        "dir / 3/3/161", "entry /f1", "entry /a", "entry /l -> /etc/passwd", "entry /h1", "entry /b", "entry /x",
+        "dir /a 2/1/57",
+        "entry /a/h2 uncounted",  // the second name of inode 77: its size counts once
+        "entry /a/c", "entry /a/caf\xe9", "dir /a/c 0/0/0", "dir /b 1/0/0", "entry /b/n\nl", "end"};
+    const std::vector<std::string> links = {"/ a", "/ h1", "/ b", "/ x", "/a h2", "/a c"};
     for (const char* name : {"plain.dtl", "packed.dtl"}) {
-        DtlReader r;
-        EXPECT_EQ(Walk(dir / name, {}, &r), expected) << name;
-        EXPECT_EQ(r.wasCompressed, name[1] == 'a');
-        EXPECT_EQ(r.strings.includeDirs, SampleScan().includeDirs);
-        DtlClose(&r);
+        ReadBack d = ReadDetail(dir / name);
+        EXPECT_TRUE(d.sound) << name << ": " << d.fault.message;
+        EXPECT_EQ(d.records, records) << name;
+        EXPECT_EQ(d.links, links) << name;
+        EXPECT_EQ(d.compressed, name[1] == 'a');
+        EXPECT_EQ(d.strings.includeDirs, SampleScan().includeDirs);
     }
-    DtlReader unnamed, root;  // without kept names a compressed file cannot name its links
-    EXPECT_EQ(Walk(dir / "packed.dtl", {.nameLinks = false}, &unnamed)[15], "link ? ?");
-    DtlClose(&unnamed);
+    // Without kept names a compressed file cannot name its links.
+    EXPECT_EQ(ReadDetail(dir / "packed.dtl", {.nameLinks = false}).links[0], "? ?");
     FakeScan unopenableRoot;  // counted, but no record at all
     unopenableRoot.extraDirs = 1;
     WriteFile(dir / "root.dtl", BuildDetail(unopenableRoot).bytes);
-    EXPECT_EQ(Walk(dir / "root.dtl", {}, &root), (std::vector<std::string>{"end", "done"}));
-    DtlClose(&root);
+    ReadBack root = ReadDetail(dir / "root.dtl");
+    EXPECT_TRUE(root.sound && root.records == std::vector<std::string>{"end"});
 }
 
 // One damage per kind of check; the fault is named where the damage is
@@ -157,50 +127,42 @@ TEST(DtlReadTest, ReportsACleanErrorForAFileCutAtAnyLength) {
     }
 }
 
-// The file of a scan that died: "IDTL", no flags, no totals, no start
-// position, and the root's counts not yet filled in.
-std::string Unfinished(const FakeFile& f) {
-    std::string b = f.bytes;
-    PutLe(b, 0, 0x4c544449, 4);
-    PutLe(b, 64, 0, 4);
-    PutLe(b, 40, 0, 8);
-    PutLe(b, 88, 0, 8);
-    PutLe(b, 88 + 16, 0, 8);
-    for (int field = 48; field < 68; field += 4) PutLe(b, 88 + field, 0, 4);
-    PutLe(b, f.recordPos.at("dir:/") + 24, 0, 8);  // file and subdirectory counts
-    PutLe(b, f.recordPos.at("dir:/") + 32, 0, 8);  // bytes
-    return b;
-}
-
 TEST(DtlReadTest, ReadsAnUnfinishedFileOnlyWhenAskedAndAsFarAsItGoes) {
+    // The file of a scan that died: "IDTL", no flags, no table offset, no
+    // totals, no start position, and the root's counts not yet filled in.
     const FakeFile f = BuildDetail(SampleScan());
-    const std::string idtl = Unfinished(f);
+    std::string idtl = f.bytes;
+    PutLe(idtl, 0, 0x4c544449, 4);
+    const size_t root = f.recordPos.at("dir:/");
+    for (auto [at, width] : {std::pair<size_t, size_t>{64, 4}, {40, 8}, {88, 8}, {104, 8}, {136, 20}, {root + 24, 16}})
+        idtl.replace(at, width, width, '\0');
     std::string wrongCounts = idtl;  // counts that were filled in must still be right
     PutLe(wrongCounts, f.recordPos.at("dir:/a") + 24, 5, 4);
     struct Case {
         std::string bytes;
         bool accept;
-        std::vector<std::string> last;  // the last two things read
+        std::string last, fault;  // the last record read and the fault that ended the reading, if any
     } cases[] = {
-        {idtl, false, {"fault: unfinished detail file: magic \"IDTL\" (the scan that wrote it did not complete)"}},
-        {idtl, true, {"end", "done"}},  // the marker ends it; the table is not read
-        {idtl.substr(0, f.recordPos.at("/a/caf\xe9") + 20), true,
-         {"/a/c counted", "fault: file ends inside a record (20 of 48 bytes)"}},
-        {idtl.substr(0, f.recordPos.at("dir:/b")), true, {"dir /a/c 0/0/0", "fault: file ends without an end marker"}},
-        {wrongCounts, true, {"/a/caf\xe9 counted", "fault: directory \"/a\": its header record counts 5 files, but 2 file records follow it"}},
-        {f.bytes.substr(0, f.endMarkerPos), true, {"/b/n\nl counted", "fault: file ends without an end marker"}},
+        {idtl, false, "", "unfinished detail file: magic \"IDTL\" (the scan that wrote it did not complete)"},
+        {idtl, true, "end", ""},  // the marker ends it; the table is not read
+        {idtl.substr(0, f.recordPos.at("/a/caf\xe9") + 20), true, "entry /a/c",
+         "file ends inside a record (20 of 48 bytes)"},
+        {idtl.substr(0, f.recordPos.at("dir:/b")), true, "dir /a/c 0/0/0", "file ends without an end marker"},
+        {wrongCounts, true, "entry /a/caf\xe9",
+         "directory \"/a\": its header record counts 5 files, but 2 file records follow it"},
+        {f.bytes.substr(0, f.endMarkerPos), true, "entry /b/n\nl", "file ends without an end marker"},
     };
     ScopedTempDir dir;
     int n = 0;
     for (const Case& c : cases) {
+        SCOPED_TRACE(n);
         std::string path = dir / (std::to_string(n++) + ".dtl");
         WriteFile(path, c.bytes);
-        DtlReader r;
-        std::vector<std::string> seen = Walk(path, {.acceptUnfinished = c.accept}, &r);
-        DtlClose(&r);
-        std::vector<std::string> tail(seen.end() - std::min(seen.size(), c.last.size()), seen.end());
-        EXPECT_EQ(tail, c.last) << n - 1;
-        EXPECT_EQ(r.unfinished, c.accept && c.bytes.substr(0, 4) == "IDTL") << n - 1;
+        ReadBack d = ReadDetail(path, {.acceptUnfinished = c.accept});
+        EXPECT_EQ(d.records.empty() ? "" : d.records.back(), c.last);
+        EXPECT_EQ(d.fault.message, c.fault);
+        EXPECT_TRUE(d.sound == c.fault.empty() && d.links.empty());
+        EXPECT_EQ(d.unfinished, c.accept && c.bytes.substr(0, 4) == "IDTL");
     }
 }
 
