@@ -11,43 +11,16 @@
 // format version over every input was measured and dropped: from the corpus
 // it added nothing beyond noise, and it would make a failing input differ
 // from the file that fails, which is what dtldump and the unit tests read.
-#include <sys/mman.h>
-#include <unistd.h>
-
 #include <cstdint>
-#include <cstdio>
-#include <cstring>
 #include <string>
 #include <unordered_map>
 
+#include "fuzz/memoryfile.h"
 #include "reader/dtlread.h"
 
-static void Check(bool ok) {
-    if (!ok) __builtin_trap();
-}
-
-// The reader opens files by name; the memory file is reached through /proc.
-static int memoryFile = -1;
-static char memoryPath[64];
-
-static bool Store(const uint8_t* data, size_t size) {
-    if (memoryFile < 0) {
-        memoryFile = memfd_create("dtl_reader_fuzz", MFD_CLOEXEC);
-        Check(memoryFile >= 0);
-        snprintf(memoryPath, sizeof memoryPath, "/proc/self/fd/%d", memoryFile);
-    }
-    if (ftruncate(memoryFile, 0) != 0) return false;
-    size_t done = 0;
-    while (done < size) {
-        ssize_t put = pwrite(memoryFile, data + done, size - done, static_cast<off_t>(done));
-        if (put <= 0) return false;
-        done += static_cast<size_t>(put);
-    }
-    return true;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    if (!Store(data, size)) return 0;
+    const char* memoryPath = StoreInput(data, size);
+    if (!memoryPath) return 0;
 
     DtlReader reader;
     DtlStep step = DTL_STEP_FAULT;

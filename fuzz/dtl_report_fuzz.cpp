@@ -16,14 +16,11 @@
 // The records are reached through the seed corpus (fuzz/corpus/dtl_report/:
 // files written by the program on tiny trees, plain, compressed, with hard
 // links, odd names and an unfinished one).
-#include <sys/mman.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cstdint>
-#include <cstdio>
 #include <string>
 
+#include "fuzz/memoryfile.h"
 #include "reader/dtlread.h"
 #include "reader/export.h"
 #include "reader/htmlreport.h"
@@ -31,36 +28,15 @@
 #include "reader/reportprint.h"
 #include "reader/textout.h"
 
-static void Check(bool ok) {
-    if (!ok) __builtin_trap();
-}
-
-// The reader opens files by name; the memory file is reached through /proc.
-static int memoryFile = -1;
-static char memoryPath[64];
-
-static bool Store(const uint8_t* data, size_t size) {
-    if (memoryFile < 0) {
-        memoryFile = memfd_create("dtl_report_fuzz", MFD_CLOEXEC);
-        Check(memoryFile >= 0);
-        snprintf(memoryPath, sizeof memoryPath, "/proc/self/fd/%d", memoryFile);
-    }
-    if (ftruncate(memoryFile, 0) != 0) return false;
-    for (size_t done = 0; done < size;) {
-        ssize_t put = pwrite(memoryFile, data + done, size - done, static_cast<off_t>(done));
-        if (put <= 0) return false;
-        done += static_cast<size_t>(put);
-    }
-    return true;
+static void Add(Tally* sum, const Tally& t) {
+    sum->entries += t.entries;
+    sum->files += t.files;
+    sum->bytes += t.bytes;
 }
 
 static Tally Sum(const std::vector<OwnerRow>& rows) {
     Tally sum;
-    for (const OwnerRow& r : rows) {
-        sum.entries += r.tally.entries;
-        sum.files += r.tally.files;
-        sum.bytes += r.tally.bytes;
-    }
+    for (const OwnerRow& r : rows) Add(&sum, r.tally);
     return sum;
 }
 
@@ -76,12 +52,9 @@ static void CheckFigures(const ReportScan& s) {
     for (const DirRow& d : s.dirs) Check(d.total.bytes >= d.coldBytes && d.total.files >= d.coldFiles);
     Check(Same(Sum(s.users), all) && Same(Sum(s.groups), all));
     Tally kinds, modified, accessed;
-    for (const Tally& k : s.kinds) kinds.entries += k.entries, kinds.files += k.files, kinds.bytes += k.bytes;
+    for (const Tally& k : s.kinds) Add(&kinds, k);
     Check(Same(kinds, all));
-    for (const AgeRow& a : s.ages) {
-        modified.files += a.modified.files, modified.bytes += a.modified.bytes;
-        accessed.files += a.accessed.files, accessed.bytes += a.accessed.bytes;
-    }
+    for (const AgeRow& a : s.ages) Add(&modified, a.modified), Add(&accessed, a.accessed);
     Check(modified.files == t.files && accessed.files == t.files && modified.bytes == accessed.bytes);
     uint64_t extensionFiles = 0;
     for (const ExtensionRow& e : s.extensions) extensionFiles += e.tally.files;
@@ -96,9 +69,7 @@ static void CheckPage(const ReportScan& s) {
             int32_t p = cells[i].parent;
             if (p < 0) continue;
             Check(static_cast<size_t>(p) < i && !cells[p].other);
-            inside[p].entries += cells[i].tally.entries;
-            inside[p].files += cells[i].tally.files;
-            inside[p].bytes += cells[i].tally.bytes;
+            Add(&inside[p], cells[i].tally);
         }
         for (size_t i = 0; i < cells.size(); i++)
             if (!cells[i].other) Check(Same(inside[i], cells[i].tally));
@@ -114,7 +85,8 @@ static void CheckPage(const ReportScan& s) {
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    if (!Store(data, size)) return 0;
+    const char* memoryPath = StoreInput(data, size);
+    if (!memoryPath) return 0;
     DtlFault fault;
     const bool sound = DtlCheckFile(memoryPath, &fault);
 

@@ -12,12 +12,11 @@
 // UTF-8 as \xNN; JSON gives a string that is not UTF-8 a "...Hex" twin
 // holding its bytes in hexadecimal.
 
-#include <sys/stat.h>
-
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <initializer_list>
 #include <string>
 #include <string_view>
 
@@ -42,21 +41,55 @@ void AddQuoted(std::string_view text) { AppendEscaped(&out, text, true); }
 
 void AddJsonMember(const char* key, std::string_view text) { AppendJsonMember(&out, key, text); }
 
-const char* TypeName(uint32_t mode) {
-    switch (mode & S_IFMT) {
-        case S_IFREG: return "file";
-        case S_IFDIR: return "dir";
-        case S_IFLNK: return "symlink";
-        case S_IFCHR: return "chardev";
-        case S_IFBLK: return "blockdev";
-        case S_IFIFO: return "fifo";
-        case S_IFSOCK: return "socket";
-        default: return "unknown";
+// %llu takes unsigned long long, which uint64_t is not on every platform.
+unsigned long long ToUll(uint64_t v) { return v; }
+
+// A number of the headers or the totals, named once for both forms.
+struct Field {
+    const char* name;              // the JSON member, and the text line's name unless label is set
+    unsigned long long value;
+    const char* label = nullptr;   // text: the line's name
+    const char* note = "";         // text: after the value
+};
+
+// Text: one line per field, its name in a column of 21. JSON: the members of
+// one object, without the braces.
+void AddFields(std::initializer_list<Field> fields) {
+    const char* separator = "";
+    for (const Field& f : fields) {
+        if (json)
+            Add("%s\"%s\": %llu", separator, f.name, f.value);
+        else
+            Add("  %-21s%llu%s\n", f.label ? f.label : f.name, f.value, f.note);
+        separator = ", ";
     }
 }
 
-// %llu takes unsigned long long, which uint64_t is not on every platform.
-unsigned long long ToUll(uint64_t v) { return v; }
+// The log header's numbers after its magic; when is the text's note on runTime.
+void AddLogFields(const DtlLogHeader& l, const char* when) {
+    AddFields({{"formatVersion", l.formatVersion},
+               {.name = "runTime", .value = l.runTime, .note = when},
+               {"tagOffset", l.tagOffset},
+               {"nodeNameOffset", l.nodeNameOffset},
+               {"hardLinkTableOffset", l.hardLinkTableOffset},
+               {"completionFlags", l.completionFlags}});
+}
+
+void AddRootFields(const DtlRootHeader& h) {
+    AddFields({{"totalFileSize", h.totalFileSize},
+               {"dtlStartPos", h.dtlStartPos},
+               {"pathOffset", h.pathOffset},
+               {"mountSourceOffset", h.mountSourceOffset},
+               {"includeDirsOffset", h.includeDirsOffset},
+               {"dirCount", h.dirCount},
+               {"emptyDirCount", h.emptyDirCount},
+               {"fileCount", h.fileCount},
+               {"hardLinkCount", h.hardLinkCount},
+               {"symlinkCount", h.symlinkCount},
+               {"otherCount", h.otherCount},
+               {"availableSpace", h.availableSpace},
+               {"volumeCapacity", h.volumeCapacity}});
+}
 
 // ---- Headers ---------------------------------------------------------------
 
@@ -71,33 +104,10 @@ void PrintHeadersText(const DtlReader& r) {
     out += "Detail file ";
     AddQuoted(r.path);
     if (r.wasCompressed) out += " (compressed)";
-    Add("\nLog header\n"
-        "  magic                FDTL\n"
-        "  formatVersion        %u\n"
-        "  runTime              %u%s\n"
-        "  tagOffset            %u\n"
-        "  nodeNameOffset       %u\n"
-        "  hardLinkTableOffset  %llu\n"
-        "  completionFlags      %u\n",
-        l.formatVersion, l.runTime, when, l.tagOffset, l.nodeNameOffset, ToUll(l.hardLinkTableOffset),
-        l.completionFlags);
-    Add("Root header\n"
-        "  totalFileSize        %llu\n"
-        "  dtlStartPos          %llu\n"
-        "  pathOffset           %u\n"
-        "  mountSourceOffset    %u\n"
-        "  includeDirsOffset    %u\n"
-        "  dirCount             %u\n"
-        "  emptyDirCount        %u\n"
-        "  fileCount            %u\n"
-        "  hardLinkCount        %u\n"
-        "  symlinkCount         %u\n"
-        "  otherCount           %u\n"
-        "  availableSpace       %llu\n"
-        "  volumeCapacity       %llu\n",
-        ToUll(h.totalFileSize), ToUll(h.dtlStartPos), h.pathOffset, h.mountSourceOffset, h.includeDirsOffset, h.dirCount,
-        h.emptyDirCount, h.fileCount, h.hardLinkCount, h.symlinkCount, h.otherCount, ToUll(h.availableSpace),
-        ToUll(h.volumeCapacity));
+    out += "\nLog header\n  magic                FDTL\n";
+    AddLogFields(l, when);
+    out += "Root header\n";
+    AddRootFields(h);
     out += "Version header\n  version              ";
     AddQuoted(r.version.version);
     out += "\n  platform             ";
@@ -136,17 +146,11 @@ void PrintHeadersJson(const DtlReader& r) {
     out += "{\n  ";
     AddJsonMember("file", r.path);
     Add(", \"compressed\": %s", r.wasCompressed ? "true" : "false");
-    Add(",\n  \"logHeader\": {\"magic\": \"FDTL\", \"formatVersion\": %u, \"runTime\": %u, \"tagOffset\": %u, "
-        "\"nodeNameOffset\": %u, \"hardLinkTableOffset\": %llu, \"completionFlags\": %u},\n",
-        l.formatVersion, l.runTime, l.tagOffset, l.nodeNameOffset, ToUll(l.hardLinkTableOffset), l.completionFlags);
-    Add("  \"rootHeader\": {\"totalFileSize\": %llu, \"dtlStartPos\": %llu, \"pathOffset\": %u, "
-        "\"mountSourceOffset\": %u, \"includeDirsOffset\": %u, \"dirCount\": %u, \"emptyDirCount\": %u, "
-        "\"fileCount\": %u, \"hardLinkCount\": %u, \"symlinkCount\": %u, \"otherCount\": %u, "
-        "\"availableSpace\": %llu, \"volumeCapacity\": %llu},\n",
-        ToUll(h.totalFileSize), ToUll(h.dtlStartPos), h.pathOffset, h.mountSourceOffset, h.includeDirsOffset, h.dirCount,
-        h.emptyDirCount, h.fileCount, h.hardLinkCount, h.symlinkCount, h.otherCount, ToUll(h.availableSpace),
-        ToUll(h.volumeCapacity));
-    out += "  \"versionHeader\": {";
+    out += ",\n  \"logHeader\": {\"magic\": \"FDTL\", ";
+    AddLogFields(l, "");
+    out += "},\n  \"rootHeader\": {";
+    AddRootFields(h);
+    out += "},\n  \"versionHeader\": {";
     AddJsonMember("version", r.version.version);
     out += ", ";
     AddJsonMember("platform", r.version.platform);
@@ -197,7 +201,7 @@ void PrintRecordText(const DtlRecord& rec) {
             AddQuoted(rec.target);
         }
         Add("  %s mode=0%o links=%u%s uid=%u gid=%u inode=%u size=%llu ctime=%u atime=%u mtime=%u\n",
-            TypeName(f.mode), f.mode & 07777, f.linkCount, f.entryFlags & DTL_HARDLINK ? " hardlink" : "", f.uid,
+            KindName(f.mode), f.mode & 07777, f.linkCount, f.entryFlags & DTL_HARDLINK ? " hardlink" : "", f.uid,
             f.gid, f.inode, ToUll(f.size), f.ctime, f.atime, f.mtime);
     }
     Flush();
@@ -223,7 +227,7 @@ void PrintRecordJson(const DtlRecord& rec, bool first) {
         }
         Add(", \"type\": \"%s\", \"entryFlags\": %u, \"hardLink\": %s, \"mode\": %u, \"uid\": %u, \"gid\": %u, "
             "\"inode\": %u, \"links\": %u, \"size\": %llu, \"ctime\": %u, \"atime\": %u, \"mtime\": %u}",
-            TypeName(f.mode), f.entryFlags, f.entryFlags & DTL_HARDLINK ? "true" : "false", f.mode, f.uid, f.gid,
+            KindName(f.mode), f.entryFlags, f.entryFlags & DTL_HARDLINK ? "true" : "false", f.mode, f.uid, f.gid,
             f.inode, f.linkCount, ToUll(f.size), f.ctime, f.atime, f.mtime);
     }
     Flush();
@@ -268,27 +272,17 @@ void PrintLinkJson(DtlReader* r, const DtlLink& link, bool first) {
 }
 
 void PrintTotals(const DtlTotals& t) {
-    if (json) {
-        Add("  \"totals\": {\"dirHeaders\": %llu, \"emptyDirHeaders\": %llu, \"entries\": %llu, \"files\": %llu, "
-            "\"subdirEntries\": %llu, \"symlinks\": %llu, \"hardLinks\": %llu, \"linkedInodes\": %llu, "
-            "\"totalFileSize\": %llu}",
-            ToUll(t.dirHeaders), ToUll(t.emptyDirHeaders), ToUll(t.entries), ToUll(t.files), ToUll(t.subdirEntries), ToUll(t.symlinks),
-            ToUll(t.hardLinks), ToUll(t.linkedInodes), ToUll(t.totalFileSize));
-    } else {
-        Add("Totals from the records\n"
-            "  directory records    %llu\n"
-            "  empty directories    %llu\n"
-            "  entry records        %llu\n"
-            "  files                %llu\n"
-            "  subdirectories       %llu\n"
-            "  symbolic links       %llu\n"
-            "  hard-link entries    %llu\n"
-            "  hard-linked inodes   %llu\n"
-            "  total file size      %llu\n"
-            "Structure: sound\n",
-            ToUll(t.dirHeaders), ToUll(t.emptyDirHeaders), ToUll(t.entries), ToUll(t.files), ToUll(t.subdirEntries), ToUll(t.symlinks),
-            ToUll(t.hardLinks), ToUll(t.linkedInodes), ToUll(t.totalFileSize));
-    }
+    out += json ? "  \"totals\": {" : "Totals from the records\n";
+    AddFields({{"dirHeaders", t.dirHeaders, "directory records"},
+               {"emptyDirHeaders", t.emptyDirHeaders, "empty directories"},
+               {"entries", t.entries, "entry records"},
+               {"files", t.files, "files"},
+               {"subdirEntries", t.subdirEntries, "subdirectories"},
+               {"symlinks", t.symlinks, "symbolic links"},
+               {"hardLinks", t.hardLinks, "hard-link entries"},
+               {"linkedInodes", t.linkedInodes, "hard-linked inodes"},
+               {"totalFileSize", t.totalFileSize, "total file size"}});
+    out += json ? "}" : "Structure: sound\n";
     Flush();
 }
 

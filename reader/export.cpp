@@ -1,6 +1,5 @@
 #include "reader/export.h"
 
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -35,19 +34,6 @@ bool IsPlain(std::string_view text, const bool* table) {
     for (unsigned char c : text)
         if (!table[c]) return false;
     return true;
-}
-
-const char* KindName(uint32_t mode) {
-    switch (mode & S_IFMT) {
-        case S_IFREG: return "file";
-        case S_IFDIR: return "dir";
-        case S_IFLNK: return "symlink";
-        case S_IFCHR: return "chardev";
-        case S_IFBLK: return "blockdev";
-        case S_IFIFO: return "fifo";
-        case S_IFSOCK: return "socket";
-        default: return "unknown";
-    }
 }
 
 // The date parts of recent days: times in one tree gather in a few years.

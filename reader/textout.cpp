@@ -1,5 +1,7 @@
 #include "reader/textout.h"
 
+#include <sys/stat.h>
+
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
@@ -130,6 +132,19 @@ void AppendCsvField(std::string* out, std::string_view text) {
         i += len;
     }
     if (quote) *out += '"';
+}
+
+const char* KindName(uint32_t mode) {
+    switch (mode & S_IFMT) {
+        case S_IFREG: return "file";
+        case S_IFDIR: return "dir";
+        case S_IFLNK: return "symlink";
+        case S_IFCHR: return "chardev";
+        case S_IFBLK: return "blockdev";
+        case S_IFIFO: return "fifo";
+        case S_IFSOCK: return "socket";
+        default: return "unknown";
+    }
 }
 
 std::string HumanSize(uint64_t bytes) {

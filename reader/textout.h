@@ -47,6 +47,11 @@ void AppendHex(std::string* out, std::string_view bytes);
 /// U+FFFD.
 void AppendCsvField(std::string* out, std::string_view text);
 
+/// The kind an entry's mode makes it, as the dump and the export name it:
+/// "file", "dir", "symlink", "chardev", "blockdev", "fifo", "socket" or
+/// "unknown".
+const char* KindName(uint32_t mode);
+
 /// A size for people in binary units with three significant digits:
 /// "512 B", "1.50 KiB", "42.3 MiB", "118 GiB".
 std::string HumanSize(uint64_t bytes);

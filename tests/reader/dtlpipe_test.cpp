@@ -23,11 +23,7 @@ FakeScan LargeScan() {
         for (uint32_t f = 0; f < 100; f++) {
             FakeEntry e{.name = std::string(200, 'a' + f % 26) + std::to_string(f), .size = f, .inode = d * 1000 + f};
             if (f % 10 == 0)
-                e = {.name = std::string("l") + std::to_string(f),
-                     .mode = S_IFLNK | 0777,
-                     .size = 3,
-                     .inode = e.inode,
-                     .target = std::string(500, 't')};
+                e.name = std::string("l") + std::to_string(f), e.mode = S_IFLNK | 0777, e.target.assign(500, 't');
             if (f % 7 == 0) e.links = 2, e.inode = 7;  // one inode with many names
             dir.entries.push_back(e);
         }
@@ -68,15 +64,10 @@ TEST(DtlPipe, HandsOnEveryRecordAsTheReaderReadsIt) {
         DtlClose(&a);
         DtlClose(&b);
     }
-}
-
-TEST(DtlPipe, StopsWhenTheCallerStopsTakingRecords) {
-    ScopedTempDir dir;
-    std::string path = dir / "f.dtl";
-    WriteFile(path, BuildDetail(LargeScan()).bytes);
+    // A caller that stops taking records stops the reading.
     for (int taken : {0, 1, 5000, 20000}) {
         DtlReader r;
-        ASSERT_TRUE(DtlOpen(&r, path.c_str()));
+        ASSERT_TRUE(DtlOpen(&r, sound.c_str()));
         DtlPipe* pipe = DtlPipeStart(&r);
         for (int i = 0; i < taken; i++) ASSERT_NE(DtlPipeNext(pipe), nullptr);
         EXPECT_EQ(DtlPipeFinish(pipe), DTL_STEP_RECORD) << taken;  // stopped before the end

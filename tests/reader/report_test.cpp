@@ -3,6 +3,7 @@
 // computes from its own walk of the tree.
 #include "reader/report.h"
 
+#include <fcntl.h>
 #include <grp.h>
 #include <gtest/gtest.h>
 #include <pwd.h>
@@ -30,6 +31,12 @@ struct Tree {
 
 void Chown(const std::string& path, uid_t uid, gid_t gid) {
     if (lchown(path.c_str(), uid, gid) != 0) ADD_FAILURE() << "cannot chown " << path;
+}
+
+void SetTimes(const std::string& path, int64_t atime, int64_t mtime) {
+    struct timespec times[2] = {{atime, 0}, {mtime, 0}};
+    if (utimensat(AT_FDCWD, path.c_str(), times, AT_SYMLINK_NOFOLLOW) != 0)
+        ADD_FAILURE() << "cannot set times of " << path;
 }
 
 const Tree TREES[] = {
@@ -94,28 +101,6 @@ const Tree TREES[] = {
      }},
 };
 
-// The test's own reading of extensions: after the last dot, not first or
-// last, at most 16 bytes, in lower case.
-std::string Extension(const std::string& name) {
-    size_t dot = name.rfind('.');
-    if (dot == std::string::npos || dot == 0 || dot + 1 == name.size() || name.size() - dot - 1 > 16) return "";
-    std::string ext = name.substr(dot + 1);
-    std::transform(ext.begin(), ext.end(), ext.begin(), [](unsigned char c) { return std::tolower(c); });
-    return ext;
-}
-
-int Kind(mode_t mode) {
-    return S_ISREG(mode) ? KIND_FILE : S_ISDIR(mode) ? KIND_DIR : S_ISLNK(mode) ? KIND_SYMLINK : KIND_OTHER;
-}
-
-Figures Of(const Tally& t) { return {t.entries, t.files, t.bytes}; }
-
-void Count(Figures* f, const SeenEntry& e) {
-    f->entries++;
-    f->files += !S_ISDIR(e.st.st_mode);
-    f->bytes += e.counted ? static_cast<uint64_t>(e.st.st_size) : 0;
-}
-
 std::string Name(uint32_t id, bool user) {
     if (user) {
         passwd* pw = getpwuid(id);
@@ -129,11 +114,11 @@ TEST(Report, EveryReportAgreesWithTheTreeItsScanCameFrom) {
     if (geteuid() != 0) GTEST_SKIP() << "the owners tree needs chown, which needs root";
     for (const Tree& tree : TREES) {
         SCOPED_TRACE(tree.name);
-        ScanSpace space;
+        RunDirs space;
         MakeTree(space.root, tree.nodes);
         if (tree.finish) tree.finish(space.root);
         const std::vector<SeenEntry> seen = WalkTree(space.root);
-        std::string file = space.Scan("scan.dtl");
+        std::string file = ScanTree(space, "scan.dtl");
 
         ReportOptions options{.dirs = true, .owners = true, .ages = true, .types = true};
         std::string error;
@@ -142,49 +127,64 @@ TEST(Report, EveryReportAgreesWithTheTreeItsScanCameFrom) {
         ASSERT_TRUE(ReadReport(file.c_str(), options, &scan)) << scan.fault.message;
         EXPECT_TRUE(scan.complete);
         const int64_t start = scan.log.runTime;
-
-        // top: every directory with everything below it; the root's bytes are the total.
-        std::map<std::string, Figures> dirs = DirectoryFigures(seen);
-        ASSERT_EQ(scan.dirs.size(), dirs.size());
-        for (size_t i = 0; i < scan.dirs.size(); i++) {
-            const DirRow& d = scan.dirs[i];
-            std::string path = DirPath(scan.dirs, i);
-            SCOPED_TRACE(path);
-            EXPECT_EQ(Of(d.total), dirs[path]);
-            EXPECT_EQ(d.depth, static_cast<uint32_t>(std::count(path.begin() + 1, path.end(), '/') + (path != "/")));
-            EXPECT_EQ(d.name, path.substr(path.rfind('/') + 1));
-            std::string parent = path.substr(0, std::max<size_t>(path.rfind('/'), 1));
-            EXPECT_EQ(DirPath(scan.dirs, d.parent), path == "/" ? "/" : parent);
-        }
-        EXPECT_EQ(scan.dirs[0].total.bytes, scan.root.totalFileSize);
-
-        // owners, kinds, extensions, ages and cold files, from the walk.
-        std::map<uint32_t, Figures> users, groups;
-        std::map<int, Figures> kinds;
-        std::map<std::string, Figures> extensions;
-        std::vector<Figures> modified(4), accessed(4);
-        std::map<std::string, Figures> cold;  // directory -> cold files below it
         const int64_t bounds[] = {7 * DAY, 30 * DAY, YEAR};
         auto row = [&](int64_t time) {
             int64_t age = std::max<int64_t>(start - time, 0);
             return std::upper_bound(std::begin(bounds), std::end(bounds), age) - std::begin(bounds);
         };
+
+        // Every directory with what lies below it: everything, the cold
+        // files, the latest modification, and its own latest; the row of
+        // ages the latest falls in.
+        std::map<std::string, Tally> dirs = DirectoryFigures(seen);
+        ASSERT_EQ(scan.dirs.size(), dirs.size());
+        for (size_t i = 0; i < scan.dirs.size(); i++) {
+            const DirRow& d = scan.dirs[i];
+            const std::string path = DirPath(scan.dirs, i), prefix = path == "/" ? "/" : path + "/";
+            SCOPED_TRACE(path);
+            EXPECT_EQ(d.total, dirs[path]);
+            EXPECT_EQ(d.depth, static_cast<uint32_t>(std::count(path.begin() + 1, path.end(), '/') + (path != "/")));
+            EXPECT_EQ(d.name, path.substr(path.rfind('/') + 1));
+            std::string parent = path.substr(0, std::max<size_t>(path.rfind('/'), 1));
+            EXPECT_EQ(DirPath(scan.dirs, d.parent), path == "/" ? "/" : parent);
+            Tally cold;
+            uint32_t newest = 0, own = 0;
+            for (const SeenEntry& e : seen) {
+                if (e.path.compare(0, prefix.size(), prefix) != 0) continue;
+                newest = std::max(newest, static_cast<uint32_t>(e.st.st_mtime));
+                if (e.dir == path) own = std::max(own, static_cast<uint32_t>(e.st.st_mtime));
+                if (!S_ISDIR(e.st.st_mode) && start - std::max(e.st.st_mtime, e.st.st_atime) >= YEAR) Count(&cold, e);
+            }
+            EXPECT_EQ(d.coldFiles, cold.files);
+            EXPECT_EQ(d.coldBytes, cold.bytes);
+            EXPECT_EQ(d.newest, newest);
+            EXPECT_EQ(d.ownNewest, own);
+            if (newest) {
+                EXPECT_EQ(AgeRowOf(scan.ages, start, d.newest), static_cast<size_t>(row(newest)));
+            }
+        }
+        EXPECT_EQ(scan.dirs[0].total.bytes, scan.root.totalFileSize);
+
+        // Owners, kinds (KindOf as the types report's test pins it),
+        // extensions (ExtensionOf as its own test pins it) and ages.
+        std::map<uint32_t, Tally> users, groups;
+        std::map<int, Tally> kinds;
+        std::map<std::string, Tally> extensions;
+        std::vector<Tally> modified(4), accessed(4);
         for (const SeenEntry& e : seen) {
             Count(&users[e.st.st_uid], e);
             Count(&groups[e.st.st_gid], e);
-            Count(&kinds[Kind(e.st.st_mode)], e);
-            if (S_ISREG(e.st.st_mode)) Count(&extensions[Extension(e.name)], e);
+            Count(&kinds[KindOf(e.st.st_mode)], e);
+            char buffer[16];
+            if (S_ISREG(e.st.st_mode)) Count(&extensions[std::string(ExtensionOf(e.name, buffer))], e);
             if (S_ISDIR(e.st.st_mode)) continue;
             Count(&modified[row(e.st.st_mtime)], e);
             Count(&accessed[row(e.st.st_atime)], e);
-            if (start - std::max(e.st.st_mtime, e.st.st_atime) < YEAR) continue;
-            for (const auto& [dir, f] : dirs)
-                if (dir == "/" || e.path.compare(0, dir.size() + 1, dir + "/") == 0) Count(&cold[dir], e);
         }
         ASSERT_EQ(scan.users.size(), users.size());
         for (size_t i = 0; i < scan.users.size(); i++) {
             const OwnerRow& u = scan.users[i];
-            EXPECT_EQ(Of(u.tally), users[u.id]) << "uid " << u.id;
+            EXPECT_EQ(u.tally, users[u.id]) << "uid " << u.id;
             EXPECT_EQ(u.name, Name(u.id, true));
             if (i) {
                 EXPECT_GE(scan.users[i - 1].tally.bytes, u.tally.bytes);
@@ -192,37 +192,18 @@ TEST(Report, EveryReportAgreesWithTheTreeItsScanCameFrom) {
         }
         ASSERT_EQ(scan.groups.size(), groups.size());
         for (const OwnerRow& g : scan.groups) {
-            EXPECT_EQ(Of(g.tally), groups[g.id]) << "gid " << g.id;
+            EXPECT_EQ(g.tally, groups[g.id]) << "gid " << g.id;
             EXPECT_EQ(g.name, Name(g.id, false));
         }
-        for (int k = 0; k < KIND_COUNT; k++) EXPECT_EQ(Of(scan.kinds[k]), kinds[k]) << "kind " << k;
+        for (int k = 0; k < KIND_COUNT; k++) EXPECT_EQ(scan.kinds[k], kinds[k]) << "kind " << k;
         ASSERT_EQ(scan.extensions.size(), extensions.size());
-        for (const ExtensionRow& x : scan.extensions) EXPECT_EQ(Of(x.tally), extensions[x.extension]) << x.extension;
+        for (const ExtensionRow& x : scan.extensions) EXPECT_EQ(x.tally, extensions[x.extension]) << x.extension;
         ASSERT_EQ(scan.ages.size(), 4u);
         const char* labels[] = {"< 7d", "7d - 30d", "30d - 1y", ">= 1y"};
         for (size_t i = 0; i < 4; i++) {
             EXPECT_EQ(scan.ages[i].label, labels[i]);
-            EXPECT_EQ(Of(scan.ages[i].modified), modified[i]) << labels[i];
-            EXPECT_EQ(Of(scan.ages[i].accessed), accessed[i]) << labels[i];
-        }
-        // The latest modification below each directory, and its own; the
-        // row of ages the latest falls in.
-        for (size_t i = 0; i < scan.dirs.size(); i++) {
-            const DirRow& d = scan.dirs[i];
-            std::string path = DirPath(scan.dirs, i);
-            EXPECT_EQ(d.coldFiles, cold[path].files) << path;
-            EXPECT_EQ(d.coldBytes, cold[path].bytes) << path;
-            uint32_t newest = 0, own = 0;
-            for (const SeenEntry& e : seen) {
-                uint32_t mtime = static_cast<uint32_t>(e.st.st_mtime);
-                if (path == "/" || e.path.compare(0, path.size() + 1, path + "/") == 0) newest = std::max(newest, mtime);
-                if (e.dir == path) own = std::max(own, mtime);
-            }
-            EXPECT_EQ(d.newest, newest) << path;
-            EXPECT_EQ(d.ownNewest, own) << path;
-            if (newest) {
-                EXPECT_EQ(AgeRowOf(scan.ages, start, d.newest), static_cast<size_t>(row(newest))) << path;
-            }
+            EXPECT_EQ(scan.ages[i].modified, modified[i]) << labels[i];
+            EXPECT_EQ(scan.ages[i].accessed, accessed[i]) << labels[i];
         }
     }
 }
@@ -231,7 +212,7 @@ TEST(Report, EveryReportAgreesWithTheTreeItsScanCameFrom) {
 // grown, a directory moved; the comparison must say what the test's own
 // walks of the two states say.
 TEST(Report, DiffFindsWhatChangedBetweenTwoScans) {
-    ScanSpace space;
+    RunDirs space;
     MakeTree(space.root, {{T::DIR, "keep"},
                           {T::FILE, "keep/same", "same"},
                           {T::DIR, "grow"},
@@ -244,23 +225,23 @@ TEST(Report, DiffFindsWhatChangedBetweenTwoScans) {
                           {T::FILE, "src/moving/m", std::string(50, 'm')},
                           {T::FILE, "src/removed", std::string(30, 'r')}});
     std::vector<SeenEntry> before = WalkTree(space.root);
-    std::string oldFile = space.Scan("old.dtl");
+    std::string oldFile = ScanTree(space, "old.dtl");
     ASSERT_EQ(system(("cd " + space.root +
                       " && echo more >> grow/log && rm -r gone && rm src/removed && "
                       "mv src/moving moved && mkdir -p fresh/sub && echo new > fresh/sub/n && echo x > grow/added")
                          .c_str()),
               0);
     std::vector<SeenEntry> after = WalkTree(space.root);
-    std::string newFile = space.Scan("new.dtl");
+    std::string newFile = ScanTree(space, "new.dtl");
 
     ReportScan a, b;
     ASSERT_TRUE(ReadReport(oldFile.c_str(), {.dirs = true}, &a)) << a.fault.message;
     ASSERT_TRUE(ReadReport(newFile.c_str(), {.dirs = true}, &b)) << b.fault.message;
     ScanDiff diff = DiffScans(a, b);
 
-    std::map<std::string, Figures> was = DirectoryFigures(before), is = DirectoryFigures(after);
-    std::map<std::string, std::pair<Figures, Figures>> changed;
-    std::map<std::string, Figures> appeared, vanished;
+    std::map<std::string, Tally> was = DirectoryFigures(before), is = DirectoryFigures(after);
+    std::map<std::string, std::pair<Tally, Tally>> changed;
+    std::map<std::string, Tally> appeared, vanished;
     for (const auto& [path, f] : is) {
         std::string parent = path.substr(0, std::max<size_t>(path.rfind('/'), 1));
         if (!was.count(path) && (path == "/" || was.count(parent))) appeared[path] = f;
@@ -276,12 +257,12 @@ TEST(Report, DiffFindsWhatChangedBetweenTwoScans) {
     ASSERT_EQ(vanished.size(), 2u);  // /gone (with /gone/inner) and /src/moving
     ASSERT_TRUE(changed.count("/grow") && changed.count("/src") && !changed.count("/keep"));
 
-    std::map<std::string, std::pair<Figures, Figures>> gotChanged;
-    for (const DiffRow& r : diff.changed) gotChanged[r.path] = {Of(r.before), Of(r.after)};
+    std::map<std::string, std::pair<Tally, Tally>> gotChanged;
+    for (const DiffRow& r : diff.changed) gotChanged[r.path] = {r.before, r.after};
     EXPECT_EQ(gotChanged, changed);
-    std::map<std::string, Figures> gotAppeared, gotVanished;
-    for (const DiffRow& r : diff.appeared) gotAppeared[r.path] = Of(r.after);
-    for (const DiffRow& r : diff.vanished) gotVanished[r.path] = Of(r.before);
+    std::map<std::string, Tally> gotAppeared, gotVanished;
+    for (const DiffRow& r : diff.appeared) gotAppeared[r.path] = r.after;
+    for (const DiffRow& r : diff.vanished) gotVanished[r.path] = r.before;
     EXPECT_EQ(gotAppeared, appeared);
     EXPECT_EQ(gotVanished, vanished);
     EXPECT_EQ(diff.appearedDirs, 3u);

