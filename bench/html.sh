@@ -7,24 +7,23 @@
 # start of the navigation to the treemap drawn (the page's own mark) and to
 # the load event. Medians of the rounds.
 #
-#   bench/html.sh [--rounds N] [--tree DIR | --file FILE] [--work DIR] [--shared DIR]
+#   bench/html.sh [--rounds N] [--tree DIR | --file FILE] [--work DIR]
 #                 [--shares "0.1 0.01 0"]
 #
 # --tree DIR   scan this tree (default: the million-entry synthetic tree in
 #              --work, made with mktree.py when missing)
 # --file FILE  use this detail file instead of scanning
 # --work DIR   scratch folder for the tree, the detail file and the pages
-#              (default: $TMPDIR/ferrovan-html-bench, outside the sources)
+#              (default: build/bench-work, where bench/run.sh keeps its trees)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 top=$PWD
+. bench/maketree.sh
 
 rounds=5
 tree=""
 file=""
-work=${TMPDIR:-/tmp}/ferrovan-html-bench
-shared=$top/../shared/bench
-[ -d "$shared" ] || shared=$top/../../shared/bench
+work=build/bench-work
 shares="0.1 0.01 0"
 while [ $# -gt 0 ]; do
   case "$1" in
@@ -32,9 +31,8 @@ while [ $# -gt 0 ]; do
     --tree) tree=$2; shift 2 ;;
     --file) file=$2; shift 2 ;;
     --work) work=$2; shift 2 ;;
-    --shared) shared=$2; shift 2 ;;
     --shares) shares=$2; shift 2 ;;
-    *) echo "usage: bench/html.sh [--rounds N] [--tree DIR | --file FILE] [--work DIR] [--shared DIR] [--shares LIST]" >&2
+    *) echo "usage: bench/html.sh [--rounds N] [--tree DIR | --file FILE] [--work DIR] [--shares LIST]" >&2
        exit 2 ;;
   esac
 done
@@ -48,11 +46,8 @@ dtldump=$top/build/release/dtldump
 
 if [ -z "$file" ]; then
   [ -n "$tree" ] || tree=$work/tree-1000000
-  if [ ! -d "$tree" ]; then
-    [ -f "$shared/mktree.py" ] || { echo "bench/html.sh: $shared/mktree.py not found (use --shared DIR, --tree DIR or --file FILE)" >&2; exit 2; }
-    python3 "$shared/mktree.py" "$tree" --entries 1000000 --seed 7
-  fi
-  file=$work/scan.dtl
+  [ "$tree" != "$work/tree-1000000" ] || make_tree "$tree" --entries 1000000 --seed 7
+  file=$work/html-scan.dtl
   "$top/build/release/Ferrovan" "$tree" -f -dtl "$file" >/dev/null
 fi
 

@@ -8,25 +8,23 @@
 # the summary of the files it reads (diff reads two).
 #
 #   bench/reports.sh [--rounds N] [--tree DIR | --file FILE...] [--baseline REF]
-#                    [--work DIR] [--shared DIR]
+#                    [--work DIR]
 #
 # --tree DIR      scan this tree (plain and -zip) instead of the synthetic
 #                 tree-1000000 in --work, which is made when missing.
 # --file FILE     time the commands on this detail file (plain or compressed);
 #                 may be given several times.
 # --baseline REF  also times --summary of the dtldump of an older commit.
-# --shared        the folder holding mktree.py (as for bench/run.sh).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 top=$PWD
+. bench/maketree.sh
 
 rounds=7
 files=()
 tree=""
 baseline=""
 work=build/bench-work
-shared=$top/../shared/bench
-[ -d "$shared" ] || shared=$top/../../shared/bench
 while [ $# -gt 0 ]; do
   case "$1" in
     --rounds) rounds=$2; shift 2 ;;
@@ -34,8 +32,7 @@ while [ $# -gt 0 ]; do
     --tree) tree=$2; shift 2 ;;
     --baseline) baseline=$2; shift 2 ;;
     --work) work=$2; shift 2 ;;
-    --shared) shared=$2; shift 2 ;;
-    *) echo "usage: bench/reports.sh [--rounds N] [--tree DIR | --file FILE...] [--baseline REF] [--work DIR] [--shared DIR]" >&2
+    *) echo "usage: bench/reports.sh [--rounds N] [--tree DIR | --file FILE...] [--baseline REF] [--work DIR]" >&2
        exit 2 ;;
   esac
 done
@@ -51,10 +48,7 @@ rm -rf "$out"; mkdir -p "$out"
 
 if [ ${#files[@]} = 0 ]; then
   [ -n "$tree" ] || tree=$work/tree-1000000
-  if [ ! -d "$tree" ]; then
-    [ -f "$shared/mktree.py" ] || { echo "bench/reports.sh: $shared/mktree.py not found (use --shared DIR or --file FILE)" >&2; exit 2; }
-    python3 "$shared/mktree.py" "$tree" --entries 1000000 --seed 7
-  fi
+  [ "$tree" != "$work/tree-1000000" ] || make_tree "$tree" --entries 1000000 --seed 7
   "$top/build/release/Ferrovan" "$tree" -f -dtl "$out/plain.dtl" >/dev/null
   "$top/build/release/Ferrovan" "$tree" -f -zip -dtl "$out/zip.dtl" >/dev/null
   files=("$out/plain.dtl" "$out/zip.dtl")

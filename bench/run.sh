@@ -31,6 +31,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 top=$PWD
+. bench/maketree.sh
 
 rounds=5
 sizes="100000 1000000"
@@ -116,20 +117,6 @@ same() {
     echo "bench/run.sh: DIFFERENT: $what" >&2
     echo "  $(cat "$work/cmp.txt")" >&2
     exit 1; }
-}
-
-# Makes a tree with mktree.py unless the one there was made by the same
-# maker with the same arguments; its summary line is kept beside it.
-make_tree() {
-  local dir=$1; shift
-  local want
-  want="$(sha256sum bench/mktree.py | cut -c1-16) $*"
-  [ -d "$dir" ] && [ "$(head -1 "$dir.made" 2>/dev/null)" = "$want" ] && return
-  echo "making $dir ..."
-  rm -rf "$dir" "$dir.made"
-  local line
-  line=$(python3 bench/mktree.py "$dir" "$@")
-  printf '%s\n%s\n' "$want" "$line" >"$dir.made"
 }
 
 # One timed run: appends "tool seconds user system maxKiB" to $results.
