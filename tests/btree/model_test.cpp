@@ -147,6 +147,7 @@ TEST_F(TreeModelTest, RandomOperationsMatchAMap) {
         const int operations = 6000;
         int deleted = 0;
         for (int op = 0; op < operations; op++) {
+            if (op == operations / 2) h.SaveAndLoad(dir / "saved");  // here, where no branch's continue skips it
             uint32_t v = random() % 1500;
             // The first third adds mostly ascending keys, so the append path takes part.
             if (op < operations / 3 && random() % 2) v = 1500 + op;
@@ -187,7 +188,6 @@ TEST_F(TreeModelTest, RandomOperationsMatchAMap) {
                 h.CheckWalks();
                 h.CheckCursor(v);
             }
-            if (op == operations / 2) h.SaveAndLoad(dir / "saved");
             ASSERT_FALSE(HasFatalFailure());
         }
         EXPECT_GT(deleted, 50);
