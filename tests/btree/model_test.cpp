@@ -1,8 +1,8 @@
 // Randomised operations on small trees checked against std::map: insertion,
 // search, refused duplicates, data changed in place, traversal both ways and
 // from a searched position, deletion where its removal is exact, and saving
-// and loading mid-way. The
-// caches hold two nodes of each kind, so nodes keep leaving memory.
+// and loading mid-way. The caches hold two nodes of each kind, so nodes keep
+// leaving memory.
 
 #include <fcntl.h>
 #include <unistd.h>

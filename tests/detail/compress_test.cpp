@@ -192,7 +192,6 @@ TEST(Compression, FilesOf4GiBAndMoreAreCompressedWhole) {
     // Inflate in pieces, checking every byte: the marks where they were put,
     // zeros everywhere else, and exactly size bytes.
     std::string stream = ReadFile(packed);
-    ASSERT_EQ(stream.substr(0, 2), "\x78\x01");
     z_stream z{};
     ASSERT_EQ(inflateInit(&z), Z_OK);
     z.next_in = reinterpret_cast<Bytef*>(stream.data());
