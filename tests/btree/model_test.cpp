@@ -1,8 +1,8 @@
 // Randomised operations on small trees checked against std::map: insertion,
 // search, refused duplicates, data changed in place, traversal both ways and
 // from a searched position, deletion where its removal is exact, and saving
-// and loading mid-way. The
-// caches hold two nodes of each kind, so nodes keep leaving memory.
+// and loading mid-way. The caches hold two nodes of each kind, so nodes keep
+// leaving memory. Then the shapes insertion gives the nodes.
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -13,6 +13,7 @@
 #include <iterator>
 #include <map>
 #include <random>
+#include <vector>
 
 #include "tests/btree/treefixture.h"
 
@@ -147,6 +148,7 @@ TEST_F(TreeModelTest, RandomOperationsMatchAMap) {
         const int operations = 6000;
         int deleted = 0;
         for (int op = 0; op < operations; op++) {
+            if (op == operations / 2) h.SaveAndLoad(dir / "saved");  // here, where no branch's continue skips it
             uint32_t v = random() % 1500;
             // The first third adds mostly ascending keys, so the append path takes part.
             if (op < operations / 3 && random() % 2) v = 1500 + op;
@@ -187,7 +189,6 @@ TEST_F(TreeModelTest, RandomOperationsMatchAMap) {
                 h.CheckWalks();
                 h.CheckCursor(v);
             }
-            if (op == operations / 2) h.SaveAndLoad(dir / "saved");
             ASSERT_FALSE(HasFatalFailure());
         }
         EXPECT_GT(deleted, 50);
@@ -200,6 +201,54 @@ TEST_F(TreeModelTest, RandomOperationsMatchAMap) {
         }
         EXPECT_GT(_treeNodeAddr(h.tree, h.tree->rootNode)->level, 2u);
         h.Free();
+    }
+}
+
+// entryCount of every node on one level, left to right.
+std::vector<uint32_t> LevelCounts(TreeHeader* tree, uint32_t level) {
+    TreeNode* node = _treeNodeAddr(tree, tree->rootNode);
+    while (node->level > level) {
+        node = _treeNodeAddr(tree, Entries(node)[node->capacity - node->head.entryCount].childNode);
+    }
+    std::vector<uint32_t> counts;
+    for (;;) {
+        counts.push_back(node->head.entryCount);
+        if (node->rightNode == 0) return counts;
+        node = _treeNodeAddr(tree, node->rightNode);
+    }
+}
+
+using TreeShapeTest = TreeTest;
+
+// Node shapes after insertion, which the memory a tree takes depends on: keys
+// that arrive in ascending order fill every node instead of leaving halves.
+TEST_F(TreeShapeTest, AscendingKeysFillNodesAndAKeyBelowAllSplitsInHalves) {
+    struct Case {
+        uint32_t order, keys;
+        bool thenBelowAll;                          // one more key, smaller than all
+        std::vector<std::vector<uint32_t>> levels;  // leaves first
+    };
+    const Case cases[] = {
+        {4, 4, false, {{4}}},
+        {4, 5, false, {{4, 1}, {2}}},
+        {4, 17, false, {{4, 4, 4, 4, 1}, {4, 1}, {2}}},
+        {8, 8, true, {{5, 4}, {2}}},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(testing::Message() << "order " << c.order << ", " << c.keys << " keys");
+        TreeHeader* tree = PlantKeys4(c.order);
+        for (uint32_t k = 1; k <= c.keys; k++) ASSERT_EQ(Add(tree, k * 10), 1);
+        if (c.thenBelowAll) {
+            ASSERT_EQ(Add(tree, 5), 1);
+        }
+        size_t nodes = 0;
+        for (uint32_t level = 0; level < c.levels.size(); level++) {
+            EXPECT_EQ(LevelCounts(tree, level), c.levels[level]) << "level " << level;
+            nodes += c.levels[level].size();
+        }
+        EXPECT_EQ(_treeNodeAddr(tree, tree->rootNode)->level, c.levels.size() - 1);
+        EXPECT_EQ(tree->treeNodes.nextNode - 1, nodes);  // no node beyond those filled
+        TreeFree(tree);
     }
 }
 

@@ -1,5 +1,4 @@
 list(APPEND FERROVAN_TEST_SOURCES
   btree/model_test.cpp
   btree/nodes_test.cpp
-  btree/tree_test.cpp
 )

@@ -6,14 +6,12 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <set>
 #include <string>
 
 #include "btree/btree.h"
 #include "support/helpers.h"
 #include "tests/support/testutil.h"
-
-/// Number of names in a directory other than . and ..
-inline int EntriesIn(const std::string& path) { return static_cast<int>(Entries(path).size()); }
 
 /// Temporary page files are made in dir (TMPDIR, which would come first, is
 /// unset); nothing may be left in it.
@@ -22,7 +20,7 @@ struct TreeTest : testing::Test {
     ScopedEnv noTmpdir{"TMPDIR", nullptr};
     void SetUp() override { tempDir = dir.path.data(); }
     void TearDown() override {
-        EXPECT_EQ(EntriesIn(dir.path), 0);
+        EXPECT_EQ(Entries(dir.path), std::set<std::string>{});
         tempDir = nullptr;
     }
 };
@@ -40,9 +38,9 @@ inline uint32_t SlotValue(KeySlot* slot) {
 }
 
 /// Plants a tree of 4-byte keys without data, 3 keys to a key node and two
-/// nodes of each kind in memory.
-inline TreeHeader* PlantKeys4(uint32_t order) {
-    return TreePlant(0, order, -2, nullptr, 3, 4, 0, -2, nullptr, nullptr, nullptr, nullptr);
+/// nodes of each kind in memory; its tree page file is treeFile when given.
+inline TreeHeader* PlantKeys4(uint32_t order, const char* treeFile = nullptr) {
+    return TreePlant(0, order, -2, treeFile, 3, 4, 0, -2, nullptr, nullptr, nullptr, nullptr);
 }
 
 /// Adds the key v with no data; returns TreeAddKey's result.

@@ -17,6 +17,7 @@
 #include <ctime>
 #include <random>
 #include <set>
+#include <utility>
 #include <vector>
 
 #include "detail/compress.h"
@@ -61,11 +62,7 @@ TEST(Compression, InPlaceRoundTripsAgreeWithAnIndependentZlib) {
         RunResult r = RunProgram("python3", {"-c", inflate, path, dir / "theirs-back"});
         ASSERT_EQ(r.status, 0) << r.err;
         EXPECT_TRUE(ReadFile(dir / "theirs-back") == plain);
-
-        int in = open(path.c_str(), O_RDONLY), out = open((dir / "back").c_str(), O_WRONLY | O_CREAT, 0600);
-        EXPECT_EQ(InflateFd(in, out), 0);
-        close(in);
-        close(out);
+        EXPECT_EQ(decompressFile(path.c_str(), (dir / "back").c_str()), 0);
         EXPECT_TRUE(ReadFile(dir / "back") == plain);
     }
 }
@@ -81,17 +78,17 @@ TEST(Compression, TheInflaterRefusesDamagedStreams) {
     std::string badBlock = good, badSum = good;
     badBlock[2] |= 0x06;  // the first block's type turns into the invalid 3
     badSum.back() ^= 0x01;
+    const int out = open("/dev/null", O_WRONLY);
     for (const std::string& bad : {badBlock, badSum, good.substr(0, good.size() / 2)}) {
         WriteFile(dir / "bad", bad);
-        int in = open((dir / "bad").c_str(), O_RDONLY), out = open("/dev/null", O_WRONLY), result = 0, error = 0;
+        int in = open((dir / "bad").c_str(), O_RDONLY);
         testing::internal::CaptureStdout();
-        result = InflateFd(in, out, true), error = errno;
+        int result = InflateFd(in, out, true), error = errno;
         EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
-        EXPECT_EQ(result, 1);
-        EXPECT_EQ(error, EBADMSG);
+        EXPECT_EQ(std::pair(result, error), std::pair(1, EBADMSG));
         close(in);
-        close(out);
     }
+    close(out);
 }
 
 // Every failure of the in-place compression ends the run with its message,
@@ -189,23 +186,19 @@ TEST(Compression, FilesOf4GiBAndMoreAreCompressedWhole) {
     for (const auto& [at, text] : marks)
         ASSERT_EQ(pwrite(fd, text.data(), text.size(), static_cast<off_t>(at)), static_cast<ssize_t>(text.size()));
     close(fd);
-    testing::internal::CaptureStdout();
-    int status = compressFile(plain.c_str(), packed.c_str());
-    std::string said = testing::internal::GetCapturedStdout();
-    ASSERT_EQ(status, 0) << said;
+    ASSERT_EQ(compressFile(plain.c_str(), packed.c_str()), 0);
     unlink(plain.c_str());
 
     // Inflate in pieces, checking every byte: the marks where they were put,
     // zeros everywhere else, and exactly size bytes.
     std::string stream = ReadFile(packed);
-    ASSERT_EQ(stream.substr(0, 2), "\x78\x01");
     z_stream z{};
     ASSERT_EQ(inflateInit(&z), Z_OK);
     z.next_in = reinterpret_cast<Bytef*>(stream.data());
     z.avail_in = static_cast<uInt>(stream.size());
     std::vector<unsigned char> piece(1 << 24);
     const std::vector<unsigned char> zeros(piece.size(), 0);
-    uint64_t at = 0, wrongPieces = 0;
+    uint64_t at = 0, wrong = 0;
     int result = Z_OK;
     while (result == Z_OK) {
         z.next_out = piece.data();
@@ -213,22 +206,17 @@ TEST(Compression, FilesOf4GiBAndMoreAreCompressedWhole) {
         result = inflate(&z, Z_NO_FLUSH);
         size_t got = piece.size() - z.avail_out;
         // Each mark's bytes are checked and cleared; the piece must then be zeros.
-        for (const auto& [markAt, text] : marks) {
-            for (size_t i = 0; i < text.size(); i++) {
-                if (markAt + i < at || markAt + i >= at + got) continue;
-                unsigned char& byte = piece[markAt + i - at];
-                if (byte != static_cast<unsigned char>(text[i])) wrongPieces++;
-                byte = 0;
-            }
-        }
-        if (memcmp(piece.data(), zeros.data(), got) != 0) wrongPieces++;
+        for (const auto& [markAt, text] : marks)
+            for (uint64_t i = markAt; i < markAt + text.size(); i++)
+                if (i >= at && i < at + got) wrong += std::exchange(piece[i - at], 0) != uint8_t(text[i - markAt]);
+        wrong += memcmp(piece.data(), zeros.data(), got) != 0;
         at += got;
     }
     inflateEnd(&z);
     EXPECT_EQ(result, Z_STREAM_END);  // the trailer's Adler-32 matched
     EXPECT_EQ(z.avail_in, 0u);
     EXPECT_EQ(at, size);
-    EXPECT_EQ(wrongPieces, 0u);
+    EXPECT_EQ(wrong, 0u);
 }
 
 }  // namespace
