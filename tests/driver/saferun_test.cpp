@@ -6,6 +6,7 @@
 // tree gives more error messages than the pipe holds, so the walk must stop
 // in the middle and wait for the test.
 #include <gtest/gtest.h>
+#include <sys/ioctl.h>
 #include <sys/ptrace.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -21,12 +22,6 @@
 #include "tests/support/treebuilder.h"
 
 namespace {
-
-// True while the started program has not ended (it is not reaped).
-bool Running(pid_t pid) {
-    siginfo_t info{};
-    return waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOHANG | WNOWAIT) == 0 && info.si_pid == 0;
-}
 
 // The tree of an interrupted walk: a chain of directories down to level 100
 // and, in its last one, more directories one level too deep than the error
@@ -47,11 +42,11 @@ struct DeepTree : RunDirs {
         if (!err.Shrink()) return -1;
         pid_t pid = Start(extra, -1, err.write);
         err.CloseWrite();
-        // Well into the messages about the deep directories; the walk cannot
-        // end before the test reads them.
-        while (err.Held() < 3000) {
-            if (!Running(pid)) return -1;
-            usleep(1000);
+        // Well into the messages about the deep directories (bytes in the pipe,
+        // unread); the walk cannot end before the test reads them.
+        for (int held = 0; ioctl(err.read, FIONREAD, &held) != 0 || held < 3000; usleep(1000)) {
+            siginfo_t info{};  // the program must not have ended (it is not reaped)
+            if (waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOHANG | WNOWAIT) != 0 || info.si_pid) return -1;
         }
         return pid;
     }

@@ -86,10 +86,9 @@ TEST(Walk, RecordsEveryKindOfEntryAsTheFileSystemGivesIt) {
     // and the volume figures are taken from the file.
     const std::string dtl = ReadFile(ws.work + "/out.dtl");
     ASSERT_GE(dtl.size(), 284u);
-    expected.runTime = Le32(dtl, 8);
-    expected.availableSpace = Le64(dtl, 88 + 104);
-    expected.volumeCapacity = Le64(dtl, 88 + 112);
-    const std::string built = BuildDetail(expected).bytes;
+    std::string built = BuildDetail(expected).bytes;
+    built.replace(8, 4, dtl, 8, 4);
+    built.replace(88 + 104, 16, dtl, 88 + 104, 16);
     EXPECT_TRUE(dtl == built) << FirstDifference(dtl, built);
 }
 
@@ -123,7 +122,6 @@ TEST(Walk, TemplatesSelectDirectoriesByLogicalPathAndFilesByName) {
         ASSERT_EQ(lstat((ws.root + dir).c_str(), &st), 0);
         total += static_cast<uint64_t>(st.st_size);
     }
-    const std::string dtl = ReadFile(ws.work + "/out.dtl");
     auto metric = [](uint64_t value) {
         char buf[NUM_BUF_SIZE];
         return std::string(EditValueMetric(value, buf));
@@ -132,8 +130,8 @@ TEST(Walk, TemplatesSelectDirectoriesByLogicalPathAndFilesByName) {
     EXPECT_EQ(log.substr(0, log.find("\nEnd time: ")),
               "Root path: " + ws.root + " (local filesystem)\n\n Include dirs: /s~\n Exclude dirs: /src/tmp\n"
               "Include files: *.h, *.c\nExclude files: top*\n\n\n/\n/src\n/src/sub\n---- Totals ----\n\n"
-              "\tDirectories: 3\n\tFiles: 3\n\tVolume capacity: " + metric(Le64(dtl, 88 + 112)) +
-              "\n\tTotal file size: " + metric(total) + "\n\tAvailable space: " + metric(Le64(dtl, 88 + 104)) +
+              "\tDirectories: 3\n\tFiles: 3\n\tVolume capacity: " + metric(d.root.volumeCapacity) +
+              "\n\tTotal file size: " + metric(total) + "\n\tAvailable space: " + metric(d.root.availableSpace) +
               "\n\tHard links: 4\n");
 }
 
@@ -188,7 +186,6 @@ TEST(Walk, AnAccessPathLongerThan4095BytesEndsTheRun) {
     // twenty-first in it would not.
     std::string deepest = MakeChain(ws.root, name, 21);
     RunResult run = ws.Scan();
-    RemoveChain(ws.root, name, 21);
     EXPECT_EQ(run.status, 1);
     EXPECT_EQ(run.err, "Access path longer than 4095 bytes: '" + deepest + "'\n");
     EXPECT_EQ(ReadFile(ws.work + "/out.dtl").substr(0, 4), "IDTL");
