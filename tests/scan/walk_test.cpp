@@ -1,7 +1,6 @@
 // The walk end to end: real trees in fresh directories, scanned by the real
 // program, checked through the detail-file reader, against detail files built
 // byte by byte from an independent walk, and on the exact log lines.
-#include <dirent.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/utsname.h>
@@ -10,11 +9,13 @@
 #include <algorithm>
 #include <climits>
 #include <functional>
+#include <map>
 #include <set>
 #include <string>
 #include <vector>
 
 #include "support/numfmt.h"
+#include "tests/reader/scantree.h"
 #include "tests/support/dtlbuilder.h"
 #include "tests/support/testutil.h"
 #include "tests/support/treebuilder.h"
@@ -24,47 +25,40 @@ namespace {
 using T = TreeItem;
 
 // What an unfiltered scan of root must record, found independently of the
-// program: readdir for the order, lstat and readlink on full paths.
+// program: the tests' own walk (in the scan's order, lstat only) and readlink.
 FakeScan ExpectedScan(const std::string& root, const std::string& tag) {
-    FakeScan scan;
     utsname node;
     uname(&node);
+    FakeScan scan;
     scan.nodeName = node.nodename;
     scan.tag = tag;
     scan.rootPath = root;
-    std::function<void(const std::string&)> walk = [&](const std::string& logical) {
-        std::string dirPath = logical == "/" ? root : root + logical;
-        FakeDir dir{logical, {}};
-        std::vector<std::string> subdirs;
-        DIR* d = opendir(dirPath.c_str());
-        if (!d) return ADD_FAILURE() << "cannot list " << dirPath;
-        while (dirent* e = readdir(d)) {
-            std::string name = e->d_name, path = dirPath + "/" + name;
-            if (name == "." || name == "..") continue;
-            struct stat st;
-            if (lstat(path.c_str(), &st) != 0) ADD_FAILURE() << "cannot examine " << path;
-            FakeEntry f{.name = name, .mode = st.st_mode, .size = static_cast<uint64_t>(st.st_size),
-                        .links = static_cast<uint32_t>(st.st_nlink), .inode = static_cast<uint32_t>(st.st_ino),
-                        .uid = st.st_uid, .gid = st.st_gid, .ctime = static_cast<uint32_t>(st.st_ctim.tv_sec),
-                        .atime = static_cast<uint32_t>(st.st_atim.tv_sec),
-                        .mtime = static_cast<uint32_t>(st.st_mtim.tv_sec)};
-            if (S_ISLNK(st.st_mode)) {
-                char target[PATH_MAX];
-                ssize_t n = readlink(path.c_str(), target, sizeof target);
-                f.target.assign(target, n > 0 ? static_cast<size_t>(n) : 0);
-            }
-            if (S_ISDIR(st.st_mode)) subdirs.push_back(name);
-            dir.entries.push_back(f);
+    std::map<std::string, std::vector<FakeEntry>> listed;  // by directory, in listing order
+    for (SeenEntry e : WalkTree(root)) {
+        char target[PATH_MAX];
+        ssize_t n = 0;
+        if (S_ISLNK(e.st.st_mode)) {
+            // Reading a link may move its access time once, as listing a
+            // directory does (which WalkTree's second walk sees).
+            n = readlink((root + e.path).c_str(), target, sizeof target);
+            lstat((root + e.path).c_str(), &e.st);
         }
-        closedir(d);
-        scan.dirs.push_back(dir);
-        for (const std::string& s : subdirs) walk(logical == "/" ? "/" + s : logical + "/" + s);
+        listed[e.dir].push_back({.name = e.name, .mode = e.st.st_mode, .size = static_cast<uint64_t>(e.st.st_size),
+                                 .links = static_cast<uint32_t>(e.st.st_nlink),
+                                 .inode = static_cast<uint32_t>(e.st.st_ino),
+                                 .target = std::string(target, n > 0 ? static_cast<size_t>(n) : 0),
+                                 .uid = e.st.st_uid, .gid = e.st.st_gid,
+                                 .ctime = static_cast<uint32_t>(e.st.st_ctim.tv_sec),
+                                 .atime = static_cast<uint32_t>(e.st.st_atim.tv_sec),
+                                 .mtime = static_cast<uint32_t>(e.st.st_mtim.tv_sec)});
+    }
+    // A directory's header record, then its subdirectories' in listing order.
+    std::function<void(const std::string&)> add = [&](const std::string& dir) {
+        scan.dirs.push_back({dir, listed[dir]});
+        for (const FakeEntry& e : listed[dir])
+            if (S_ISDIR(e.mode)) add((dir == "/" ? "/" : dir + "/") + e.name);
     };
-    // Reading a directory or a link may move its access time once; the
-    // second walk sees times that the scan will not move again.
-    walk("/");
-    scan.dirs.clear();
-    walk("/");
+    add("/");
     return scan;
 }
 
