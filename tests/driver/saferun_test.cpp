@@ -205,9 +205,7 @@ TEST(InterruptedRun, AtAnyMomentLeavesNothingHalfDone) {
         EXPECT_EQ(left, std::set<std::string>{"out.dtl"});
         std::string dtl = ReadFile(tree.work + "/out.dtl"), magic = dtl.substr(0, 4);
         whileZipping += zipping;
-        if (zipping) {
-            EXPECT_EQ(magic, "FDTL");
-        }
+        EXPECT_TRUE(!zipping || magic == "FDTL") << magic;
         if (magic == "FDTL") {
             EXPECT_TRUE(ReadDetail(tree.work + "/out.dtl").sound);
         } else if (dtl != old && magic != "IDTL") {
