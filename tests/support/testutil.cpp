@@ -21,9 +21,8 @@
 namespace fs = std::filesystem;
 
 ScopedTempDir::ScopedTempDir() {
-    std::string tmpl = (fs::temp_directory_path() / "ferrovan-test-XXXXXX").string();
-    if (!mkdtemp(tmpl.data())) throw std::runtime_error("mkdtemp failed");
-    path = tmpl;
+    path = (fs::temp_directory_path() / "ferrovan-test-XXXXXX").string();
+    if (!mkdtemp(path.data())) throw std::runtime_error("mkdtemp failed");
 }
 
 ScopedTempDir::~ScopedTempDir() {
@@ -131,11 +130,8 @@ RunResult RunDtldump(const std::vector<std::string>& args, const RunOptions& opt
 std::string ReadToEnd(int fd) {
     std::string all;
     char buf[65536];
-    for (ssize_t n; (n = read(fd, buf, sizeof buf)) != 0;) {
-        if (n < 0 && errno == EINTR) continue;
-        if (n < 0) break;
-        all.append(buf, static_cast<size_t>(n));
-    }
+    for (ssize_t n; (n = read(fd, buf, sizeof buf)) > 0 || (n < 0 && errno == EINTR);)
+        if (n > 0) all.append(buf, static_cast<size_t>(n));
     return all;
 }
 
