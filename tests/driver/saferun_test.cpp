@@ -13,7 +13,6 @@
 #include <unistd.h>
 
 #include <csignal>
-#include <functional>
 #include <string>
 #include <vector>
 
@@ -116,33 +115,20 @@ TEST(InterruptedRun, ASecondSignalKillsAtOnce) {
     EXPECT_EQ(errors.find("Scan interrupted"), std::string::npos);
 }
 
-// Lets a program started with RunOptions::traced run, one system call at a
-// time, until ready() holds at the return of one (calls are counted from 1),
-// then sends sig there and lets the program go on untraced. Returns the
-// program's exit status, or 128 + the signal that ended it; ran is set when
-// the signal was sent before the program ended.
-int SignalAtReturn(pid_t pid, int sig, const std::function<bool(int call)>& ready, bool* ran) {
-    *ran = false;
-    int status = 0;
-    if (waitpid(pid, &status, 0) != pid || !WIFSTOPPED(status)) return -1;  // stopped by its exec
+// Lets a program started with RunOptions::traced run one system call at a
+// time up to the return of the at-th (counted from 1), and returns true with
+// the program stopped there; false once it has ended (status: how) or the
+// tracing failed.
+bool StopAtReturn(pid_t pid, int at, int* status) {
+    if (waitpid(pid, status, 0) != pid || !WIFSTOPPED(*status)) return false;  // stopped by its exec
     ptrace(PTRACE_SETOPTIONS, pid, nullptr, PTRACE_O_TRACESYSGOOD | PTRACE_O_EXITKILL);
-    int pass = 0, stops = 0;
-    for (;;) {
-        if (ptrace(PTRACE_SYSCALL, pid, nullptr, pass) != 0) return -1;
-        pass = 0;
-        if (waitpid(pid, &status, 0) != pid) return -1;
-        if (WIFEXITED(status)) return WEXITSTATUS(status);
-        if (WIFSIGNALED(status)) return 128 + WTERMSIG(status);
-        if (WSTOPSIG(status) != (SIGTRAP | 0x80)) {
-            pass = WSTOPSIG(status);  // a signal of the program's own: delivered as it came
-            continue;
-        }
-        // Entries and returns alternate; only a return is a moment between two calls.
-        if (++stops % 2 == 1 || !ready(stops / 2)) continue;
-        kill(pid, sig);
-        *ran = true;
-        ptrace(PTRACE_DETACH, pid, nullptr, nullptr);
-        return WaitProgram(pid);
+    for (int pass = 0, stops = 0;;) {
+        if (ptrace(PTRACE_SYSCALL, pid, nullptr, pass) != 0 || waitpid(pid, status, 0) != pid) return false;
+        if (WIFEXITED(*status) || WIFSIGNALED(*status)) return false;
+        // A signal of the program's own is delivered as it came. Entries and
+        // returns alternate; only a return is a moment between two calls.
+        pass = WSTOPSIG(*status) == (SIGTRAP | 0x80) ? 0 : WSTOPSIG(*status);
+        if (!pass && ++stops == 2 * at) return true;
     }
 }
 
@@ -170,19 +156,17 @@ TEST(InterruptedRun, AtAnyMomentLeavesNothingHalfDone) {
         tree.ClearWork();
         bool existing = at % 2 == 0, zipping = false;
         if (existing) WriteFile(tree.work + "/out.dtl", old);
-        auto there = [&](int call) {
-            if (call != at) return false;
-            for (const std::string& name : Entries(tree.work)) zipping |= name.ends_with(".tmp");
-            return true;
-        };
-        bool ran = false;
-        int status = SignalAtReturn(tree.Start(args, -1, -1, {.traced = true}), SIGTERM, there, &ran);
-        if (!ran) {
-            EXPECT_EQ(status, 0);
+        pid_t pid = tree.Start(args, -1, -1, {.traced = true});
+        int status = -1;
+        if (!StopAtReturn(pid, at, &status)) {
+            EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
             break;
         }
+        for (const std::string& name : Entries(tree.work)) zipping |= name.ends_with(".tmp");
+        kill(pid, SIGTERM);
+        ptrace(PTRACE_DETACH, pid, nullptr, nullptr);
         calls = at;
-        EXPECT_EQ(status, 128 + SIGTERM);
+        EXPECT_EQ(WaitProgram(pid), 128 + SIGTERM);
         std::string err = ReadFile(tree.work + "/stderr");
         EXPECT_TRUE(err.empty() || err == "Scan interrupted by signal 15 (Terminated)\n") << err;
         std::string log = MaskedLog(ReadFile(tree.work + "/stdout"));
