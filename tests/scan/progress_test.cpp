@@ -116,8 +116,7 @@ TEST(ProgressLine, IsErasedBeforeEveryMessageAndAtTheEnd) {
 TEST(ProgressLine, IsRedrawnWithTheCountsAtMostTenTimesASecond) {
     RunDirs dirs;
     for (int i = 0; i < 600; i++) mkdir((dirs.root + "/" + std::to_string(i) + std::string(150, 'd')).c_str(), 0755);
-    Pipe terminal(100);
-    Pipe log;
+    Pipe terminal(100), log;
     ASSERT_TRUE(log.Shrink());
     auto begin = std::chrono::steady_clock::now();
     pid_t pid = dirs.Start({"-p"}, log.write, terminal.write);
