@@ -3,28 +3,9 @@
 #include <gtest/gtest.h>
 
 #include <string>
-#include <utility>
 #include <vector>
 
 namespace {
-
-// A mutable argv with "prog" in front.
-struct Argv {
-    std::vector<std::string> text;
-    std::vector<char*> ptr;
-    explicit Argv(std::vector<std::string> args) : text(std::move(args)) {
-        text.insert(text.begin(), "prog");
-        for (auto& t : text) ptr.push_back(t.data());
-        ptr.push_back(nullptr);
-    }
-    int argc() const { return static_cast<int>(text.size()); }
-    /// argv[1..] as left by the parser, consumed elements shown as "_".
-    std::string Left() const {
-        std::string s;
-        for (int i = 1; i < argc(); i++) s += std::string(i > 1 ? "," : "") + (ptr[i] ? ptr[i] : "_");
-        return s;
-    }
-};
 
 // Every option found in the table: name@argIndex, "=arg" when one was taken,
 // "#number" when it converted, "s" when it converted as signed.
@@ -57,12 +38,18 @@ TEST(OptionsTest, ParsesAgainstTheProgramsTable) {
     for (const Case& c : cases) {
         SCOPED_TRACE(testing::PrintToString(c.args));
         std::vector<OptionRec> table(cmdOpts, cmdOpts + CMD_ZIP + 2);  // a fresh copy: the parser marks it
-        Argv argv(c.args);
+        std::vector<std::string> text = c.args;
+        text.insert(text.begin(), "prog");
+        std::vector<char*> argv;
+        for (std::string& t : text) argv.push_back(t.data());
+        argv.push_back(nullptr);
         char* errText = nullptr;
-        ASSERT_EQ(ParseCommandLineEx(OPT_MODE_NO_EXIT, argv.argc(), argv.ptr.data(), table.data(), &errText), 0)
-            << errText;
+        const int argc = static_cast<int>(text.size());
+        ASSERT_EQ(ParseCommandLineEx(OPT_MODE_NO_EXIT, argc, argv.data(), table.data(), &errText), 0) << errText;
         EXPECT_EQ(Summary(table), c.result);
-        EXPECT_EQ(argv.Left(), c.left);
+        std::string left;  // argv[1..] as the parser leaves it, consumed elements shown as "_"
+        for (int i = 1; i < argc; i++) left += std::string(i > 1 ? "," : "") + (argv[i] ? argv[i] : "_");
+        EXPECT_EQ(left, c.left);
     }
 }
 

@@ -12,6 +12,7 @@
 
 #include "tests/support/dtlbuilder.h"
 #include "tests/support/testutil.h"
+#include "tests/support/treebuilder.h"
 
 namespace {
 
@@ -21,7 +22,7 @@ std::string Expand(std::string text, const std::string& dir) {
 }
 
 TEST(FerrovanRun, AnswersEachLineAndDestroysNothingWhenItFails) {
-    const std::string program = FerrovanPath(), here = FERROVAN_SOURCE_DIR "/tests/driver/";
+    const std::string program = FERROVAN_BIN, here = FERROVAN_SOURCE_DIR "/tests/driver/";
     const std::string banner = "Zentrix Filesystem Audit Utility\n\n", noEntry = "  (p2) No such file or directory\n";
     const std::string p128(128, 'p'), line513 = p128 + "_\n" + p128 + "_\n" + p128 + "_\n" + p128 + "p\n";
     struct Case {
@@ -73,12 +74,9 @@ TEST(FerrovanRun, AnswersEachLineAndDestroysNothingWhenItFails) {
         const bool scans = c.status == 0 && c.out.empty();
         for (bool existing : {false, true}) {
             if ((c.unprivileged && !existing) || (scans && existing)) continue;
-            ScopedTempDir tmp;
-            chmod(tmp.path.c_str(), 0755);
-            const std::string dir = CanonicalPath(tmp.path), dtl = dir + "/out.dtl";
-            mkdir((dir + "/tree").c_str(), 0755);
-            WriteFile(dir + "/tree/f", "data");
-            WriteFile(dir + "/file", "x");
+            RunDirs dirs;
+            const std::string dir = dirs.work, dtl = dir + "/out.dtl";
+            MakeTree(dir, {{TreeItem::DIR, "tree"}, {TreeItem::FILE, "tree/f", "data"}, {TreeItem::FILE, "file", "x"}});
             if (c.config) WriteFile(dir + "/c.cfg", Expand(c.config, dir));
             if (existing) {
                 ASSERT_EQ(RunFerrovan({"tree", "-dtl", "out.dtl"}, {.cwd = dir}).status, 0);

@@ -6,13 +6,13 @@
 // tree gives more error messages than the pipe holds, so the walk must stop
 // in the middle and wait for the test.
 #include <gtest/gtest.h>
+#include <sys/ioctl.h>
 #include <sys/ptrace.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <csignal>
-#include <functional>
 #include <string>
 #include <vector>
 
@@ -21,12 +21,6 @@
 #include "tests/support/treebuilder.h"
 
 namespace {
-
-// True while the started program has not ended (it is not reaped).
-bool Running(pid_t pid) {
-    siginfo_t info{};
-    return waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOHANG | WNOWAIT) == 0 && info.si_pid == 0;
-}
 
 // The tree of an interrupted walk: a chain of directories down to level 100
 // and, in its last one, more directories one level too deep than the error
@@ -38,20 +32,17 @@ struct DeepTree : RunDirs {
         chain = deepest.substr(root.size());
         for (int i = 0; i < 60; i++) mkdir((deepest + "/n" + std::to_string(100 + i)).c_str(), 0755);
     }
-    std::string Message(const std::string& name) const {
-        return "Directory '" + root + chain + "/" + name + "' is nested deeper than 100 levels and was not entered\n";
-    }
     /// Starts Ferrovan with extra, its error output on err shrunk to one
     /// page, and returns once the walk is held up there.
     pid_t StartHeld(const std::vector<std::string>& extra, Pipe& err) const {
         if (!err.Shrink()) return -1;
         pid_t pid = Start(extra, -1, err.write);
         err.CloseWrite();
-        // Well into the messages about the deep directories; the walk cannot
-        // end before the test reads them.
-        while (err.Held() < 3000) {
-            if (!Running(pid)) return -1;
-            usleep(1000);
+        // Well into the messages about the deep directories (bytes in the pipe,
+        // unread); the walk cannot end before the test reads them.
+        for (int held = 0; ioctl(err.read, FIONREAD, &held) != 0 || held < 3000; usleep(1000)) {
+            siginfo_t info{};  // the program must not have ended (it is not reaped)
+            if (waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOHANG | WNOWAIT) != 0 || info.si_pid) return -1;
         }
         return pid;
     }
@@ -88,20 +79,19 @@ TEST(InterruptedRun, SaysSoKeepsTheLogAndRemovesTemporaryFiles) {
         std::string errors = ReadToEnd(err.read);
         EXPECT_EQ(WaitProgram(pid), 128 + c.sig);
 
-        // The error output: whole messages, then the signal's line.
+        // The error output: whole messages about the deep directories, then the signal's line.
         ASSERT_TRUE(errors.ends_with(c.text)) << errors;
-        std::vector<std::string> names;
-        size_t at = 0;
-        for (size_t end; (end = errors.find('\n', at)) != std::string::npos && end + 1 < errors.size(); at = end + 1) {
-            std::string message = errors.substr(at, end + 1 - at);
-            std::string name = message.substr(message.rfind('/') + 1, 4);
-            ASSERT_EQ(message, tree.Message(name));
-            names.push_back(name);
+        size_t messages = 0;
+        std::string name;  // of the last directory named
+        for (size_t at = 0, end; (end = errors.find('\n', at)) + 1 < errors.size(); at = end + 1, messages++) {
+            name = errors.substr(errors.rfind('/', end) + 1, 4);
+            ASSERT_EQ(errors.substr(at, end + 1 - at), "Directory '" + tree.root + tree.chain + "/" + name +
+                                                           "' is nested deeper than 100 levels and was not entered\n");
         }
-        ASSERT_GE(names.size(), 8u);
+        ASSERT_GE(messages, 8u);
         std::string log = MaskedLog(ReadFile(logPath));
         EXPECT_TRUE(whole.starts_with(log) && log.ends_with("\n")) << log;
-        EXPECT_GT(log.size(), whole.find(tree.chain + "/" + names.back() + "\n")) << log;
+        EXPECT_GT(log.size(), whole.find(tree.chain + "/" + name + "\n")) << log;
         EXPECT_EQ(ReadFile(tree.work + "/out.dtl").substr(0, 4), "IDTL");
         EXPECT_EQ(Entries(tree.tmp), std::set<std::string>{});
         EXPECT_EQ(Entries(tree.work), (std::set<std::string>{"out.dtl", "stdout", c.namedLog ? "run.log" : "stdout"}));
@@ -125,33 +115,20 @@ TEST(InterruptedRun, ASecondSignalKillsAtOnce) {
     EXPECT_EQ(errors.find("Scan interrupted"), std::string::npos);
 }
 
-// Lets a program started with RunOptions::traced run, one system call at a
-// time, until ready() holds at the return of one (calls are counted from 1),
-// then sends sig there and lets the program go on untraced. Returns the
-// program's exit status, or 128 + the signal that ended it; ran is set when
-// the signal was sent before the program ended.
-int SignalAtReturn(pid_t pid, int sig, const std::function<bool(int call)>& ready, bool* ran) {
-    *ran = false;
-    int status = 0;
-    if (waitpid(pid, &status, 0) != pid || !WIFSTOPPED(status)) return -1;  // stopped by its exec
+// Lets a program started with RunOptions::traced run one system call at a
+// time up to the return of the at-th (counted from 1), and returns true with
+// the program stopped there; false once it has ended (status: how) or the
+// tracing failed.
+bool StopAtReturn(pid_t pid, int at, int* status) {
+    if (waitpid(pid, status, 0) != pid || !WIFSTOPPED(*status)) return false;  // stopped by its exec
     ptrace(PTRACE_SETOPTIONS, pid, nullptr, PTRACE_O_TRACESYSGOOD | PTRACE_O_EXITKILL);
-    int pass = 0, stops = 0;
-    for (;;) {
-        if (ptrace(PTRACE_SYSCALL, pid, nullptr, pass) != 0) return -1;
-        pass = 0;
-        if (waitpid(pid, &status, 0) != pid) return -1;
-        if (WIFEXITED(status)) return WEXITSTATUS(status);
-        if (WIFSIGNALED(status)) return 128 + WTERMSIG(status);
-        if (WSTOPSIG(status) != (SIGTRAP | 0x80)) {
-            pass = WSTOPSIG(status);  // a signal of the program's own: delivered as it came
-            continue;
-        }
-        // Entries and returns alternate; only a return is a moment between two calls.
-        if (++stops % 2 == 1 || !ready(stops / 2)) continue;
-        kill(pid, sig);
-        *ran = true;
-        ptrace(PTRACE_DETACH, pid, nullptr, nullptr);
-        return WaitProgram(pid);
+    for (int pass = 0, stops = 0;;) {
+        if (ptrace(PTRACE_SYSCALL, pid, nullptr, pass) != 0 || waitpid(pid, status, 0) != pid) return false;
+        if (WIFEXITED(*status) || WIFSIGNALED(*status)) return false;
+        // A signal of the program's own is delivered as it came. Entries and
+        // returns alternate; only a return is a moment between two calls.
+        pass = WSTOPSIG(*status) == (SIGTRAP | 0x80) ? 0 : WSTOPSIG(*status);
+        if (!pass && ++stops == 2 * at) return true;
     }
 }
 
@@ -179,19 +156,17 @@ TEST(InterruptedRun, AtAnyMomentLeavesNothingHalfDone) {
         tree.ClearWork();
         bool existing = at % 2 == 0, zipping = false;
         if (existing) WriteFile(tree.work + "/out.dtl", old);
-        auto there = [&](int call) {
-            if (call != at) return false;
-            for (const std::string& name : Entries(tree.work)) zipping |= name.ends_with(".tmp");
-            return true;
-        };
-        bool ran = false;
-        int status = SignalAtReturn(tree.Start(args, -1, -1, {.traced = true}), SIGTERM, there, &ran);
-        if (!ran) {
-            EXPECT_EQ(status, 0);
+        pid_t pid = tree.Start(args, -1, -1, {.traced = true});
+        int status = -1;
+        if (!StopAtReturn(pid, at, &status)) {
+            EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
             break;
         }
+        for (const std::string& name : Entries(tree.work)) zipping |= name.ends_with(".tmp");
+        kill(pid, SIGTERM);
+        ptrace(PTRACE_DETACH, pid, nullptr, nullptr);
         calls = at;
-        EXPECT_EQ(status, 128 + SIGTERM);
+        EXPECT_EQ(WaitProgram(pid), 128 + SIGTERM);
         std::string err = ReadFile(tree.work + "/stderr");
         EXPECT_TRUE(err.empty() || err == "Scan interrupted by signal 15 (Terminated)\n") << err;
         std::string log = MaskedLog(ReadFile(tree.work + "/stdout"));
@@ -210,9 +185,7 @@ TEST(InterruptedRun, AtAnyMomentLeavesNothingHalfDone) {
         EXPECT_EQ(left, std::set<std::string>{"out.dtl"});
         std::string dtl = ReadFile(tree.work + "/out.dtl"), magic = dtl.substr(0, 4);
         whileZipping += zipping;
-        if (zipping) {
-            EXPECT_EQ(magic, "FDTL");
-        }
+        EXPECT_TRUE(!zipping || magic == "FDTL") << magic;
         if (magic == "FDTL") {
             EXPECT_TRUE(ReadDetail(tree.work + "/out.dtl").sound);
         } else if (dtl != old && magic != "IDTL") {

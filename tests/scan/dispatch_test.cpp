@@ -60,13 +60,10 @@ TEST(ProcessSubdir, ASubdirectoryReplacedSinceItWasListedIsReportedNotFollowed) 
     AuditRoot root{};
     root.path = dir.path.data();
     // The listing found a directory named link; by now it is a link to one.
-    alignas(SubdirNode) char memory[sizeof(SubdirNode) + 8] = {};
-    auto* node = reinterpret_cast<SubdirNode*>(memory);
-    node->nameLen = 4;
-    node->name = memory + sizeof(SubdirNode);
-    memcpy(node->name, "link", 4);
+    char name[] = "link";
+    SubdirNode node{nullptr, 4, name};
     int rootFd = open(dir.path.c_str(), O_RDONLY | O_DIRECTORY);
-    EXPECT_EQ(WrittenTo(errFile, [&] { ProcessSubdir(&root, "/", node, rootFd, 1); }),
+    EXPECT_EQ(WrittenTo(errFile, [&] { ProcessSubdir(&root, "/", &node, rootFd, 1); }),
               "Unable to open directory '" + dir.path + "/link'\n  (p20) Not a directory\n");
     close(rootFd);
     EXPECT_EQ(root.dirCount, 1u);  // counted like any directory that cannot be opened

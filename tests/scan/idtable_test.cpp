@@ -7,6 +7,7 @@
 #include <memory>
 #include <random>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "btree/btree.h"
@@ -29,12 +30,9 @@ std::vector<std::string> Table(TreeHeader* tree = idTree) {
 TEST(CheckIdTree, KeepsOneRecordPerNumberAndNamesGroupsFromTheUserDatabase) {
     const uint32_t unknown = 3999999999u;
     ASSERT_EQ(getpwuid(unknown), nullptr);
-    struct Lookup {
-        uint32_t id, kind;
-    };
     struct Case {
         const char* what;
-        std::vector<Lookup> lookups;
+        std::vector<std::pair<uint32_t, uint32_t>> lookups;  // id, kind
         std::vector<std::string> table;
     } cases[] = {
         {"same user twice", {{0, ID_USER}, {0, ID_USER}}, {"0 2 root"}},
@@ -49,7 +47,7 @@ TEST(CheckIdTree, KeepsOneRecordPerNumberAndNamesGroupsFromTheUserDatabase) {
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
         IdTableOpen();
-        for (const Lookup& l : c.lookups) CheckIdTree(l.id, l.kind);
+        for (auto [id, kind] : c.lookups) CheckIdTree(id, kind);
         EXPECT_EQ(Table(), c.table);
         IdTableFree();
     }
@@ -92,8 +90,6 @@ struct ReferenceTable {
 // program's table must hold the same records, in the same order, with the
 // same counts as the algorithm's, at every step of the sequence.
 TEST(CheckIdTree, HoldsWhatTheAlgorithmHoldsOnCollidingAndFarApartIds) {
-    const std::vector<uint32_t> near = {0, 1, 2, 65534, 1000, 4242};
-    const std::vector<uint32_t> far = {0x7FFFFFFFu, 0x80000000u, 0x80000001u, 0xC0000000u, 0xFFFFFFFFu, 3999999999u};
     struct Case {
         const char* what;
         uint32_t seed, lookups, spread;  // spread: further random ids, so that nodes split
@@ -106,8 +102,8 @@ TEST(CheckIdTree, HoldsWhatTheAlgorithmHoldsOnCollidingAndFarApartIds) {
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
         std::mt19937 rng(c.seed);
-        std::vector<uint32_t> pool = near;
-        pool.insert(pool.end(), far.begin(), far.end());
+        std::vector<uint32_t> pool = {0, 1, 2, 65534, 1000, 4242,  // shared by users and groups; then far apart
+                                      0x7FFFFFFFu, 0x80000000u, 0x80000001u, 0xC0000000u, 0xFFFFFFFFu, 3999999999u};
         for (uint32_t i = 0; i < c.spread; i++) pool.push_back(static_cast<uint32_t>(rng()));
         IdTableOpen();
         ReferenceTable reference;

@@ -1,4 +1,3 @@
-list(APPEND FERROVAN_TEST_SOURCES)
 # The walk end to end, the owner table, access paths, forced recall, and the per-root lines
 # of the log.
 list(APPEND FERROVAN_TEST_SOURCES

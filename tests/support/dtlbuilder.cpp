@@ -19,12 +19,6 @@ static void PutHeaderString(FakeFile& f, const std::string& text) {
     Put(f.bytes, 0, 2);
 }
 
-static void PutText(std::string& b, const std::string& text, size_t field) {
-    std::string padded = text.substr(0, field - 1);
-    padded.resize(field, '\0');
-    b += padded;
-}
-
 FakeFile BuildDetail(const FakeScan& scan) {
     FakeFile f;
     std::string& b = f.bytes;
@@ -118,12 +112,10 @@ FakeFile BuildDetail(const FakeScan& scan) {
     PutLe(b, 88 + 64, symlinks, 4);
     PutLe(b, 88 + 104, scan.availableSpace, 8);
     PutLe(b, 88 + 112, scan.volumeCapacity, 8);
-    // Version header.
-    std::string version;
-    PutText(version, "2.2.0", 12);
-    PutText(version, "Mac", 32);
-    PutText(version, "IA32", 32);
-    b.replace(208, 76, version);
+    // Version header: three zero-padded texts.
+    b.replace(208, 5, "2.2.0");
+    b.replace(220, 3, "Mac");
+    b.replace(252, 4, "IA32");
     return f;
 }
 

@@ -1,7 +1,7 @@
 #include "tests/support/testutil.h"
 
 #include <fcntl.h>
-#include <sys/ioctl.h>
+#include <pty.h>
 #include <sys/ptrace.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -10,7 +10,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <climits>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
@@ -22,9 +21,8 @@
 namespace fs = std::filesystem;
 
 ScopedTempDir::ScopedTempDir() {
-    std::string tmpl = (fs::temp_directory_path() / "ferrovan-test-XXXXXX").string();
-    if (!mkdtemp(tmpl.data())) throw std::runtime_error("mkdtemp failed");
-    path = tmpl;
+    path = (fs::temp_directory_path() / "ferrovan-test-XXXXXX").string();
+    if (!mkdtemp(path.data())) throw std::runtime_error("mkdtemp failed");
 }
 
 ScopedTempDir::~ScopedTempDir() {
@@ -32,24 +30,12 @@ ScopedTempDir::~ScopedTempDir() {
     fs::remove_all(path, ec);
 }
 
-ScopedEnv::ScopedEnv(const char* variable, const char* value) : name(variable) {
-    const char* old = getenv(variable);
-    wasSet = old != nullptr;
-    if (old) saved = old;
-    if (value) {
-        setenv(variable, value, 1);
-    } else {
-        unsetenv(variable);
-    }
+ScopedEnv::ScopedEnv(const char* variable, const char* value) : name(variable), wasSet(getenv(variable)) {
+    if (wasSet) saved = getenv(variable);
+    value ? setenv(variable, value, 1) : unsetenv(variable);
 }
 
-ScopedEnv::~ScopedEnv() {
-    if (wasSet) {
-        setenv(name.c_str(), saved.c_str(), 1);
-    } else {
-        unsetenv(name.c_str());
-    }
-}
+ScopedEnv::~ScopedEnv() { wasSet ? setenv(name.c_str(), saved.c_str(), 1) : unsetenv(name.c_str()); }
 
 void WriteFile(const std::string& path, const std::string& bytes) {
     std::ofstream f(path, std::ios::binary | std::ios::trunc);
@@ -75,8 +61,11 @@ std::set<std::string> Entries(const std::string& dir) {
     return names;
 }
 
-pid_t StartProgram(const std::string& program, const std::vector<std::string>& args, const int (&stdio)[3],
-                   const RunOptions& options) {
+// Starts program with args and its standard input, output and error on the
+// descriptors in stdio (each is duplicated; the caller keeps its own, opened
+// close-on-exec), and returns at once with its process id.
+static pid_t StartProgram(const std::string& program, const std::vector<std::string>& args, const int (&stdio)[3],
+                          const RunOptions& options) {
     std::vector<std::string> argvStore = {program};
     if (options.unprivileged) argvStore = {"setpriv", "--reuid=65534", "--regid=65534", "--clear-groups", program};
     argvStore.insert(argvStore.end(), args.begin(), args.end());
@@ -130,30 +119,19 @@ RunResult RunProgram(const std::string& program, const std::vector<std::string>&
     return result;
 }
 
-std::string FerrovanPath() { return FERROVAN_BIN; }
-std::string DtldumpPath() { return DTLDUMP_BIN; }
-
 RunResult RunFerrovan(const std::vector<std::string>& args, const RunOptions& options) {
-    return RunProgram(FerrovanPath(), args, options);
+    return RunProgram(FERROVAN_BIN, args, options);
 }
 
 RunResult RunDtldump(const std::vector<std::string>& args, const RunOptions& options) {
-    return RunProgram(DtldumpPath(), args, options);
-}
-
-std::string CanonicalPath(const std::string& path) {
-    char resolved[PATH_MAX];
-    return realpath(path.c_str(), resolved) ? resolved : path;
+    return RunProgram(DTLDUMP_BIN, args, options);
 }
 
 std::string ReadToEnd(int fd) {
     std::string all;
     char buf[65536];
-    for (ssize_t n; (n = read(fd, buf, sizeof buf)) != 0;) {
-        if (n < 0 && errno == EINTR) continue;
-        if (n < 0) break;
-        all.append(buf, static_cast<size_t>(n));
-    }
+    for (ssize_t n; (n = read(fd, buf, sizeof buf)) > 0 || (n < 0 && errno == EINTR);)
+        if (n > 0) all.append(buf, static_cast<size_t>(n));
     return all;
 }
 
@@ -172,6 +150,13 @@ Pipe::Pipe() {
     if (pipe2(fds, O_CLOEXEC) == 0) read = fds[0], write = fds[1];
 }
 
+Pipe::Pipe(unsigned short columns) {
+    struct winsize size = {24, columns, 0, 0};
+    if (openpty(&read, &write, nullptr, nullptr, &size) != 0) throw std::runtime_error("openpty failed");
+    fcntl(read, F_SETFD, FD_CLOEXEC);
+    fcntl(write, F_SETFD, FD_CLOEXEC);
+}
+
 Pipe::~Pipe() {
     CloseWrite();
     if (read >= 0) close(read);
@@ -184,19 +169,14 @@ void Pipe::CloseWrite() {
 
 bool Pipe::Shrink() const { return fcntl(write, F_SETPIPE_SZ, 4096) >= 4096; }
 
-size_t Pipe::Held() const {
-    int n = 0;
-    return ioctl(read, FIONREAD, &n) == 0 ? static_cast<size_t>(n) : 0;
-}
-
 RunDirs::RunDirs() {
     chmod(dir.path.c_str(), 0755);
     for (const char* d : {"root", "work", "tmp"}) mkdir((dir / d).c_str(), 0755);
     chmod((dir / "work").c_str(), 0777);
     chmod((dir / "tmp").c_str(), 0777);
-    root = CanonicalPath(dir / "root");
-    work = CanonicalPath(dir / "work");
-    tmp = CanonicalPath(dir / "tmp");
+    root = fs::canonical(dir / "root");
+    work = fs::canonical(dir / "work");
+    tmp = fs::canonical(dir / "tmp");
 }
 
 static std::vector<std::string> ScanArgs(const std::string& root, const std::vector<std::string>& extra) {
@@ -217,7 +197,7 @@ pid_t RunDirs::Start(const std::vector<std::string>& extra, int out, int err, Ru
     if (options.traced) options.env.push_back("ASAN_OPTIONS=detect_leaks=0");
     int stdio[3] = {open("/dev/null", O_RDONLY | O_CLOEXEC), out < 0 ? Create("stdout") : out,
                     err < 0 ? Create("stderr") : err};
-    pid_t pid = StartProgram(FerrovanPath(), ScanArgs(root, extra), stdio, options);
+    pid_t pid = StartProgram(FERROVAN_BIN, ScanArgs(root, extra), stdio, options);
     close(stdio[0]);
     if (out < 0) close(stdio[1]);
     if (err < 0) close(stdio[2]);
@@ -231,11 +211,3 @@ int RunDirs::Create(const std::string& name) const {
 void RunDirs::ClearWork() const {
     for (const std::string& name : Entries(work)) unlink((work + "/" + name).c_str());
 }
-
-uint16_t Le16(const std::string& b, size_t o) {
-    return static_cast<uint16_t>(static_cast<uint8_t>(b.at(o)) | static_cast<uint8_t>(b.at(o + 1)) << 8);
-}
-
-uint32_t Le32(const std::string& b, size_t o) { return Le16(b, o) | static_cast<uint32_t>(Le16(b, o + 2)) << 16; }
-
-uint64_t Le64(const std::string& b, size_t o) { return Le32(b, o) | static_cast<uint64_t>(Le32(b, o + 4)) << 32; }

@@ -61,27 +61,18 @@ struct RunOptions {
     uint64_t fileSizeLimit = 0; ///< when not 0: the largest file the program may write (RLIMIT_FSIZE),
                                 ///< with SIGXFSZ ignored so that a write past it fails with EFBIG
     std::vector<std::string> env = {};  ///< NAME=value settings added to the environment
-    bool traced = false;        ///< StartProgram only: the program stops under ptrace as it starts (PTRACE_TRACEME)
+    bool traced = false;        ///< RunDirs::Start only: the program stops under ptrace as it starts (PTRACE_TRACEME)
 };
 
 /// Runs program with args (argv[0] is the program path) and captures its output.
 RunResult RunProgram(const std::string& program, const std::vector<std::string>& args,
                      const RunOptions& options = {});
-/// Starts program with args and its standard input, output and error on the
-/// descriptors in stdio (each is duplicated; the caller keeps its own, and
-/// should open them close-on-exec), and returns at once with its process id.
-pid_t StartProgram(const std::string& program, const std::vector<std::string>& args, const int (&stdio)[3],
-                   const RunOptions& options = {});
 /// Waits for a started program; returns its exit status, or 128 + the signal that ended it.
 int WaitProgram(pid_t pid);
 
-/// Path of the Ferrovan binary under test.
-std::string FerrovanPath();
-/// Path of the dtldump binary under test.
-std::string DtldumpPath();
-/// Runs Ferrovan with args.
+/// Runs the Ferrovan binary under test with args.
 RunResult RunFerrovan(const std::vector<std::string>& args, const RunOptions& options = {});
-/// Runs dtldump with args.
+/// Runs the dtldump binary under test with args.
 RunResult RunDtldump(const std::vector<std::string>& args, const RunOptions& options = {});
 
 /// Runs op with stream (the program's logFile or errFile) pointed at memory,
@@ -102,8 +93,6 @@ std::string WrittenTo(FILE*& stream, Op op) {
     return written;
 }
 
-/// The path with links and dots resolved (the path itself when it cannot be).
-std::string CanonicalPath(const std::string& path);
 /// Everything read from fd up to the end of the stream (or an error, as a
 /// terminal's master side gives once its last slave is closed).
 std::string ReadToEnd(int fd);
@@ -111,18 +100,19 @@ std::string ReadToEnd(int fd);
 /// free space) cut out, up to the end of their lines.
 std::string MaskedLog(std::string log);
 
-/// A pipe whose ends are close-on-exec and closed when it goes out of scope.
+/// A pipe whose ends are close-on-exec and closed when it goes out of scope;
+/// given a width, a pseudo-terminal of that many columns instead, its slave
+/// side the write end (the program's) and its master side the read end.
 struct Pipe {
     int read = -1, write = -1;
     Pipe();
+    explicit Pipe(unsigned short columns);
     ~Pipe();
     Pipe(const Pipe&) = delete;
     Pipe& operator=(const Pipe&) = delete;
     void CloseWrite();
     /// Shrinks the pipe to one page, so that a writer soon waits for the reader.
     bool Shrink() const;
-    /// Bytes written and not yet read.
-    size_t Held() const;
 };
 
 /// A scratch directory with the tree to scan (root), the working directory
@@ -143,8 +133,3 @@ struct RunDirs {
     /// Removes every file in work.
     void ClearWork() const;
 };
-
-/// Little-endian readers for checking binary layouts.
-uint16_t Le16(const std::string& bytes, size_t offset);
-uint32_t Le32(const std::string& bytes, size_t offset);
-uint64_t Le64(const std::string& bytes, size_t offset);

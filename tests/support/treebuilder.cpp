@@ -44,13 +44,3 @@ std::string MakeChain(const std::string& base, const std::string& name, int leve
     close(fd);
     return path;
 }
-
-void RemoveChain(const std::string& base, const std::string& name, int levels) {
-    std::vector<int> fds = {open(base.c_str(), O_RDONLY | O_DIRECTORY)};
-    for (int i = 1; i < levels && fds.back() >= 0; i++) fds.push_back(openat(fds.back(), name.c_str(), O_RDONLY | O_DIRECTORY));
-    for (size_t i = fds.size(); i-- > 0;) {
-        if (fds[i] < 0) continue;
-        unlinkat(fds[i], name.c_str(), AT_REMOVEDIR);
-        close(fds[i]);
-    }
-}

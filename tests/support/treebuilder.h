@@ -20,7 +20,5 @@ void MakeTree(const std::string& base, const std::vector<TreeItem>& nodes);
 
 /// Creates base/name/name/... with levels directories, working relative to
 /// each new directory so that the chain may be longer than any path the
-/// system accepts; returns the deepest path.
+/// system accepts (ScopedTempDir still removes it); returns the deepest path.
 std::string MakeChain(const std::string& base, const std::string& name, int levels);
-/// Removes a chain MakeChain made (and nothing else may be inside it).
-void RemoveChain(const std::string& base, const std::string& name, int levels);
