@@ -13,21 +13,7 @@
 #include "config/configfile.h"
 #include "config/roots.h"
 #include "config/templates.h"
-
-static void FreeTemplateLists(AuditRoot* root) {
-    for (TemplateRec* list : {root->includeDirs, root->excludeDirs, root->includeFiles, root->excludeFiles})
-        for (TemplateRec* next; list; list = next) {
-            next = list->next;
-            free(list);
-        }
-}
-
-static void Check(bool ok) {
-    if (!ok) __builtin_trap();
-}
-
-// A value without wildcards, escapes or code bytes is a plain text that must match itself.
-static bool IsPlain(const char* text) { return !strpbrk(text, "*?~'\x01\x02\x03"); }
+#include "fuzz/memoryfile.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (size == 0) return 0;  // fmemopen needs a buffer
@@ -67,10 +53,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                              : index == 3 ? root->includeFiles
                                           : root->excludeFiles;
         Check(strcmp(added->origText, value) == 0 && added->matchLength <= added->origLength);
-        if (IsPlain(value)) Check(TemplateMatch(value, added->matchText, 0) == 1);
+        // A value without wildcards, escapes or code bytes is a plain text that must match itself.
+        if (!strpbrk(value, "*?~'\x01\x02\x03")) Check(TemplateMatch(value, added->matchText, 0) == 1);
     }
     Check(length == 0 || length == CONFIG_LINE_TOO_LONG);
-    FreeTemplateLists(root);
+    for (TemplateRec* list : {root->includeDirs, root->excludeDirs, root->includeFiles, root->excludeFiles})
+        for (TemplateRec* next; list; list = next) next = list->next, free(list);
     free(root->path);
     free(root);
     fclose(stream);

@@ -1,16 +1,11 @@
 // Fuzz target for the detail-file reader: the input is written to an
-// anonymous in-memory file and read as a detail file by DtlOpen and DtlNext
-// to its end or its first fault, naming every hard-link table entry with
-// DtlNameAt as dtldump does. Whatever the bytes, the reader must end in
-// DTL_STEP_DONE or DTL_STEP_FAULT with a message, never crash, hang or leak.
-//
-// Random bytes die at the magic and the header checks behind it, so the
-// records are reached through the seed corpus (fuzz/corpus/dtl_reader/:
-// small files written by the program, a compressed one among them), which
-// the mutations keep mostly sound. Writing a finished file's magic and
-// format version over every input was measured and dropped: from the corpus
-// it added nothing beyond noise, and it would make a failing input differ
-// from the file that fails, which is what dtldump and the unit tests read.
+// anonymous in-memory file and read by DtlOpen and DtlNext to its end or its
+// first fault, naming every hard-link table entry with DtlNameAt as dtldump
+// does. Whatever the bytes, the reader must end in DTL_STEP_DONE or
+// DTL_STEP_FAULT with a message, never crash, hang or leak. Random bytes die
+// at the header checks, so the records are reached through the seed corpus
+// (fuzz/corpus/dtl_reader/: small files written by the program, one of them
+// compressed); a failing input is kept as the file that fails, unpatched.
 #include <cstdint>
 #include <string>
 #include <unordered_map>

@@ -1,21 +1,10 @@
 // Fuzz target for the report commands: the input is written to an anonymous
-// in-memory file and read as a detail file by every report computation
-// (ReadReport with all figures, strictly and with partial reading), by the
-// export in both formats, and by every printer, text and JSON. Whatever the
-// bytes, nothing may crash, hang or leak, and the figures must agree with
-// each other and with what the reader counted:
-//
-// - a strict reading succeeds exactly when the structure check passes;
-// - the root directory's totals, the owners, the kinds and the ages each
-//   add up to the records' totals, for a partial reading as well;
-// - NDJSON has one line per entry record read;
-// - a scan compared with itself shows no change;
-// - the treemap's cells inside each directory add up to it, and the HTML
-//   page holds only its own two scripts and no stray byte.
-//
-// The records are reached through the seed corpus (fuzz/corpus/dtl_report/:
-// files written by the program on tiny trees, plain, compressed, with hard
-// links, odd names and an unfinished one).
+// in-memory file and read by every report computation (strictly and with
+// partial reading), by the export in both formats and by every printer.
+// Nothing may crash, hang or leak, and the figures must agree with each
+// other and with what the reader counted. The records are reached through
+// the seed corpus (fuzz/corpus/dtl_report/: files the program wrote on tiny
+// trees, plain, compressed, with hard links, odd names and an unfinished one).
 #include <algorithm>
 #include <cstdint>
 #include <string>
@@ -34,12 +23,6 @@ static void Add(Tally* sum, const Tally& t) {
     sum->bytes += t.bytes;
 }
 
-static Tally Sum(const std::vector<OwnerRow>& rows) {
-    Tally sum;
-    for (const OwnerRow& r : rows) Add(&sum, r.tally);
-    return sum;
-}
-
 static bool Same(const Tally& a, const Tally& b) {
     return a.entries == b.entries && a.files == b.files && a.bytes == b.bytes;
 }
@@ -50,17 +33,19 @@ static void CheckFigures(const ReportScan& s) {
     const Tally all{t.entries, t.files, t.totalFileSize};
     if (!s.dirs.empty()) Check(Same(s.dirs[0].total, all));
     for (const DirRow& d : s.dirs) Check(d.total.bytes >= d.coldBytes && d.total.files >= d.coldFiles);
-    Check(Same(Sum(s.users), all) && Same(Sum(s.groups), all));
-    Tally kinds, modified, accessed;
+    Tally users, groups, kinds, modified, accessed, extensions;
+    for (const OwnerRow& r : s.users) Add(&users, r.tally);
+    for (const OwnerRow& r : s.groups) Add(&groups, r.tally);
     for (const Tally& k : s.kinds) Add(&kinds, k);
-    Check(Same(kinds, all));
+    Check(Same(users, all) && Same(groups, all) && Same(kinds, all));
     for (const AgeRow& a : s.ages) Add(&modified, a.modified), Add(&accessed, a.accessed);
     Check(modified.files == t.files && accessed.files == t.files && modified.bytes == accessed.bytes);
-    uint64_t extensionFiles = 0;
-    for (const ExtensionRow& e : s.extensions) extensionFiles += e.tally.files;
-    Check(extensionFiles == s.kinds[KIND_FILE].entries);
+    for (const ExtensionRow& e : s.extensions) Add(&extensions, e.tally);
+    Check(extensions.files == s.kinds[KIND_FILE].entries);
 }
 
+// The treemap's cells inside each directory add up to it, and the page
+// holds only its own two scripts and no stray byte.
 static void CheckPage(const ReportScan& s) {
     for (double share : {0.0, 0.001, 1.0}) {
         std::vector<MapCell> cells = MapCells(s, share);
@@ -119,9 +104,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     for (ExportFormat format : {EXPORT_CSV, EXPORT_NDJSON}) {
         ExportSink sink;
         ReportScan scan;
-        bool exported = ExportEntries(memoryPath, format, true, &sink, &scan);
-        if (!exported) continue;
-        if (format == EXPORT_NDJSON)
+        // NDJSON has one line per entry record read.
+        if (ExportEntries(memoryPath, format, true, &sink, &scan) && format == EXPORT_NDJSON)
             Check(static_cast<uint64_t>(std::count(sink.text.begin(), sink.text.end(), '\n')) == scan.totals.entries);
     }
     return 0;

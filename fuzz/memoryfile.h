@@ -1,6 +1,7 @@
-// What the detail-file fuzz targets share: the reader opens files by name,
-// so each input is written to one anonymous in-memory file, reached through
-// /proc, and a broken expectation stops the run where libFuzzer sees it.
+// What the fuzz targets share: a broken expectation stops the run where
+// libFuzzer sees it; and, since the reader opens files by name, the
+// detail-file targets write each input to one anonymous in-memory file,
+// reached through /proc.
 #pragma once
 
 #include <sys/mman.h>

@@ -10,11 +10,8 @@
 
 #include "config/roots.h"
 #include "config/templates.h"
+#include "fuzz/memoryfile.h"
 #include "tests/config/reference_match.h"
-
-static void Check(bool ok) {
-    if (!ok) __builtin_trap();
-}
 
 // The reference is polynomial but not linear; beyond these sizes only the
 // real matcher runs, to look for crashes and slow cases.

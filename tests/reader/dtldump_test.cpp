@@ -1,11 +1,10 @@
 // dtldump FILE as existing scripts read it: the dump in text, JSON and
-// summary, of a plain file and of a compressed one.
+// summary (of a compressed file too in commands_test.cpp).
 #include <gtest/gtest.h>
 
 #include <string>
 #include <vector>
 
-#include "detail/compress.h"
 #include "tests/reader/scantree.h"
 #include "tests/support/dtlbuilder.h"
 
@@ -52,39 +51,6 @@ TEST(DtldumpTest, PrintsASoundFile) {
         for (const std::string& text : c.absent) EXPECT_EQ(run.out.find(text), std::string::npos) << text;
         if (!c.args.empty() && c.args[0] == "--json") Python("import json, sys; json.load(sys.stdin.buffer)", run.out);
     }
-}
-
-// The dump and every report of a compressed file are those of the plain
-// one but for the file's name and its compressed mark; the file stays as it was.
-TEST(DtldumpTest, ReadsACompressedFileAsThePlainOne) {
-    ScopedTempDir dir;
-    std::string plain = dir / "plain.dtl", packed = dir / "packed.dtl";
-    WriteFile(plain, BuildDetail(SampleScan()).bytes);
-    ASSERT_EQ(compressFile(plain.c_str(), packed.c_str()), 0);
-    const std::string packedBytes = ReadFile(packed);
-    for (std::string command : {"", "top", "owners", "age", "types", "export", "diff"}) {
-        for (bool json : {false, true}) {
-            SCOPED_TRACE(command + (json ? " --json" : ""));
-            auto args = [&](const std::string& path) {
-                std::vector<std::string> a = {path};
-                if (command == "diff") a.push_back(path);
-                if (json) a.insert(a.begin(), "--json");
-                if (!command.empty()) a.insert(a.begin(), command);
-                return a;
-            };
-            RunResult a = RunDtldump(args(plain)), b = RunDtldump(args(packed));
-            ASSERT_EQ(b.status, 0) << b.err;
-            std::string expected = a.out;
-            for (size_t at; (at = expected.find("plain.dtl")) != std::string::npos;) {
-                expected.replace(at, 9, "packed.dtl");
-                expected.insert(expected.find_first_of(",\n", at), json ? "" : " (compressed)");
-            }
-            for (size_t at = 0; (at = expected.find("\"compressed\": false", at)) != std::string::npos;)
-                expected.replace(at, 19, "\"compressed\": true");
-            EXPECT_EQ(b.out, expected);
-        }
-    }
-    EXPECT_EQ(ReadFile(packed), packedBytes);
 }
 
 }  // namespace
