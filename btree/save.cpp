@@ -12,19 +12,6 @@
 #include "log/log.h"
 #include "support/memory.h"
 
-// Writes to the caller's file; failures are not reported (the saved image is
-// the caller's to check), but partial writes are completed.
-static void WriteOut(int fd, const void* buffer, size_t size) {
-    auto* bytes = static_cast<const char*>(buffer);
-    while (size > 0) {
-        ssize_t put = write(fd, bytes, size);
-        if (put < 0 && errno == EINTR) continue;
-        if (put <= 0) return;
-        bytes += put;
-        size -= static_cast<size_t>(put);
-    }
-}
-
 // Reads from the caller's file; what a short file lacks reads as zeros.
 static void ReadIn(int fd, void* buffer, size_t size) {
     auto* bytes = static_cast<char*>(buffer);
@@ -77,14 +64,15 @@ int64_t TreeSave(TreeHeader* tree, int fd) {
             _writePage(tree, table, node->nodeNumber, scratch);
         }
     }
-    WriteOut(fd, tree, sizeof(TreeHeader));
+    // Write failures are not reported here: the saved image is the caller's to check.
+    WriteFully(fd, reinterpret_cast<const char*>(tree), sizeof(TreeHeader));
     for (NodeTable* table : tables) {
         memset(scratch, 0, size_t{8} * table->capacity);
         for (uint32_t i = 0; i < table->count; i++) {
             uint64_t number = SavedNumber(table->nodes[i]->nodeNumber);
             memcpy(scratch + size_t{8} * i, &number, sizeof number);
         }
-        WriteOut(fd, scratch, size_t{8} * table->capacity);
+        WriteFully(fd, scratch, size_t{8} * table->capacity);
     }
     NodeTable* pageTables[2];
     PageTables(tree, pageTables);
@@ -92,7 +80,7 @@ int64_t TreeSave(TreeHeader* tree, int fd) {
         if (!table) continue;
         for (uint32_t n = 0; n < *table->nextNodePtr; n++) {
             _fetchNode(tree, table, n, scratch);
-            WriteOut(fd, scratch, table->nodeSize);
+            WriteFully(fd, scratch, table->nodeSize);
         }
     }
     tree->freeFn(scratch);
