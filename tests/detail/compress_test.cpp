@@ -4,6 +4,7 @@
 // inflater's refusals.
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sched.h>
 #include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -40,12 +41,21 @@ std::string NoTempFile(const std::string& path, int errnum) {
            "-[0-9]+\\.tmp\n  \\(p" + std::to_string(errnum) + "\\) ";
 }
 
+// Pieces of every kind of block: stored (random bytes), coded, zeros, each
+// piece's end falling inside one.
+std::string Mixed() {
+    std::string text;
+    for (int i = 0; text.size() < DEFLATE_PIECE; i++) text += "/srv/data/" + std::to_string(i * 7919 % 100003) + ".log\n";
+    return Random(DEFLATE_PIECE + 4097) + text + std::string(DEFLATE_PIECE / 2, '\0') + Random(777);
+}
+
 // In-place compression keeps the permissions, an independent zlib (python's)
-// reads what it wrote, and the program's own inflater restores every byte.
+// reads what it wrote, and the program's own inflater restores every byte;
+// several pieces of the file are joined into the one stream.
 TEST(Compression, InPlaceRoundTripsAgreeWithAnIndependentZlib) {
     const char* inflate = "import sys, zlib\n"
                           "open(sys.argv[2], 'wb').write(zlib.decompress(open(sys.argv[1], 'rb').read()))\n";
-    for (const std::string& plain : {std::string(), Random(2 * COMPRESS_BUFFER_SIZE + 777)}) {
+    for (const std::string& plain : {std::string(), Random(2 * COMPRESS_BUFFER_SIZE + 777), Mixed()}) {
         SCOPED_TRACE(plain.size());
         ScopedTempDir dir;
         const std::string path = dir / "ferro.dtl";
@@ -64,6 +74,32 @@ TEST(Compression, InPlaceRoundTripsAgreeWithAnIndependentZlib) {
         EXPECT_TRUE(ReadFile(dir / "theirs-back") == plain);
         EXPECT_EQ(decompressFile(path.c_str(), (dir / "back").c_str()), 0);
         EXPECT_TRUE(ReadFile(dir / "back") == plain);
+    }
+}
+
+// The pieces make the same stream whether one processor deflates them or
+// several do, whatever order they finish in; a file of whole pieces too.
+TEST(Compression, TheStreamDoesNotDependOnTheProcessors) {
+    ScopedTempDir dir;
+    cpu_set_t all, one;
+    ASSERT_EQ(sched_getaffinity(0, sizeof all, &all), 0);
+    CPU_ZERO(&one);
+    for (int cpu = 0; cpu < CPU_SETSIZE; cpu++)
+        if (CPU_ISSET(cpu, &all)) {
+            CPU_SET(cpu, &one);
+            break;
+        }
+    for (const std::string& plain : {Mixed(), Mixed().substr(0, 2 * DEFLATE_PIECE)}) {
+        WriteFile(dir / "plain", plain);
+        ASSERT_EQ(sched_setaffinity(0, sizeof one, &one), 0);
+        int alone = compressFile((dir / "plain").c_str(), (dir / "alone").c_str());
+        ASSERT_EQ(sched_setaffinity(0, sizeof all, &all), 0);
+        ASSERT_EQ(alone, 0);
+        ASSERT_EQ(compressFile((dir / "plain").c_str(), (dir / "shared").c_str()), 0);
+        EXPECT_TRUE(ReadFile(dir / "alone") == ReadFile(dir / "shared"));
+        ASSERT_EQ(decompressFile((dir / "shared").c_str(), (dir / "back").c_str()), 0);
+        EXPECT_TRUE(ReadFile(dir / "back") == plain);
+        for (const char* name : {"alone", "shared", "back"}) unlink((dir / name).c_str());
     }
 }
 
@@ -140,22 +176,23 @@ TEST(Compression, FailuresAreFatalAndLeaveTheOriginalAndNoTemporaryFile) {
 
 // The compressed stream is written into a map of the temporary file, so a
 // file system that runs out of room raises a bus error while the deflater
-// writes: it must end as any failed write does, with the message, the plain
-// file intact and no temporary file left.
+// writes, on whichever thread deflates the piece: it must end as any failed
+// write does, with the message, the plain file intact and no temporary file
+// left.
 TEST(Compression, NoRoomForTheCompressedCopy) {
     ScopedTempDir dir;
     const std::string small = dir / "small";
     ASSERT_EQ(mkdir(small.c_str(), 0700), 0);
-    if (mount("ferrovan-test", small.c_str(), "tmpfs", 0, "size=2m") != 0) {
-        GTEST_SKIP() << "cannot mount a 2 MiB tmpfs (" << strerror(errno) << "): needs root with CAP_SYS_ADMIN; "
+    if (mount("ferrovan-test", small.c_str(), "tmpfs", 0, "size=12m") != 0) {
+        GTEST_SKIP() << "cannot mount a 12 MiB tmpfs (" << strerror(errno) << "): needs root with CAP_SYS_ADMIN; "
                      << "the file-size limit of Compression.FailuresAreFatal... covers the message";
     }
     struct Unmount {
         std::string path;
         ~Unmount() { umount2(path.c_str(), MNT_DETACH); }
     } unmount{small};
-    // 1.5 MiB that deflate cannot shrink, in 2 MiB: the copy finds half a MiB.
-    const std::string path = small + "/ferro.dtl", plain = Random(1536 * 1024);
+    // Three pieces that deflate cannot shrink, 9 MiB in 12: the copy finds 3.
+    const std::string path = small + "/ferro.dtl", plain = Random(2 * DEFLATE_PIECE + 1024 * 1024);
     WriteFile(path, plain);
     EXPECT_EXIT(CloseDtlFile(nullptr, path.c_str(), 1), testing::ExitedWithCode(1), NoTempFile(path, ENOSPC));
     EXPECT_EQ(Entries(small), std::set<std::string>{"ferro.dtl"});
