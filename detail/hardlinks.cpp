@@ -168,6 +168,10 @@ uint64_t HardLinkNote(uint32_t inode, uint32_t linkCount, uint64_t entryPos, boo
     return 0;
 }
 
+void HardLinkPrefetch(uint32_t inode) {
+    if (capacity != 0) __builtin_prefetch(&slots[Home(inode, capacity)], 1);
+}
+
 bool HardLinkFind(uint32_t inode, HardLinkInfo* info) {
     if (const HashSlot* slot = Hashed(inode)) {
         *info = HardLinkInfo{LastEntryPos(*slot), slot->linkCount, slot->seenCount};

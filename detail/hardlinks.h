@@ -51,6 +51,10 @@ void HardLinksFree();
 /// entry and makes entryPos its lastEntryPos; *first = false. Not found: adds
 /// {entryPos, linkCount, 1} and returns 0; *first = true.
 uint64_t HardLinkNote(uint32_t inode, uint32_t linkCount, uint64_t entryPos, bool* first);
+/// Starts loading the hash-table slot where inode's lookup begins: the walk
+/// calls it as soon as it knows an entry has two or more links, so that the
+/// slot's cache miss overlaps the record's formatting instead of following it.
+void HardLinkPrefetch(uint32_t inode);
 /// Copies what the table holds for inode into *info; false when it holds nothing.
 bool HardLinkFind(uint32_t inode, HardLinkInfo* info);
 /// Inodes held by the hash table; the others are in hlinkTree.

@@ -224,10 +224,6 @@ static void WriteEntryRecord(const FileRecord* record) {
     int64_t at = DtlPosition();
     AuditRoot* root = record->root;
     const struct stat& st = record->statData;
-    bool counted = true;
-    if (record->entryFlags & FLAG_MULTI_LINK) counted = RecordHardLink(record, at);
-    if (counted) root->totalFileSize += static_cast<uint64_t>(st.st_size);
-
     auto nameLength = static_cast<uint16_t>(ChrUtfLen(record->name));
     uint16_t targetLength = 0;
     if (record->entryFlags & FLAG_SYMLINK) {
@@ -247,6 +243,11 @@ static void WriteEntryRecord(const FileRecord* record) {
         memcpy(out + nameLength, record->linkTarget->text, targetLength);
         out[nameLength + targetLength - 1] = '\0';
     }
+    // The hard-link table is consulted last, so that the slot the walk asked
+    // for has had the record's formatting to arrive in cache.
+    bool counted = true;
+    if (record->entryFlags & FLAG_MULTI_LINK) counted = RecordHardLink(record, at);
+    if (counted) root->totalFileSize += static_cast<uint64_t>(st.st_size);
 }
 
 int LogDetailData(FileRecord* record) {

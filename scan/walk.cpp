@@ -10,6 +10,7 @@
 
 #include "config/roots.h"
 #include "config/templates.h"
+#include "detail/hardlinks.h"
 #include "detail/writer.h"
 #include "log/log.h"
 #include "scan/accesspath.h"
@@ -97,6 +98,7 @@ static DirTally ReadDirectory(int fd, const char* accessPath, const char* logica
                 LogPosixErr(0, "Could not stat() '%s/%s'\n", accessPath, name);
                 continue;
             }
+            if (st.st_nlink >= 2) HardLinkPrefetch(static_cast<uint32_t>(st.st_ino));
             if (S_ISDIR(st.st_mode)) {
                 // Directories are recorded whether or not the templates will select them.
                 auto* node = static_cast<SubdirNode*>(TempAlloc(nameLength + 25, chain));
