@@ -38,7 +38,7 @@ constexpr size_t DEFLATE_MAX_THREADS = 8;
 // numbers are zlib's codes for the same conditions, as printed before).
 constexpr int DEFLATE_NO_MEMORY = -4;  ///< the deflater could not be set up
 constexpr int DEFLATE_NO_ROOM = -5;    ///< the stream did not fit its bound
-constexpr int DEFLATE_BAD_STREAM = -2; ///< a piece's stream could not be joined to the next
+constexpr int DEFLATE_BAD_STREAM = -2;  ///< a piece's stream could not be joined to the next
 
 // Statuses printed with "tinfl_decompress() failed with status %i!" (scripts
 // that watch the output match that wording; the numbers are this module's own).

@@ -103,9 +103,9 @@ TEST(BlockWalk, AgreesWithZlibOnEveryKindOfBlock) {
         for (size_t size : {size_t{0}, size_t{1}, size_t{70000}, size_t{1} << 20}) {
             Bytes plain = Data(kind, size);
             std::vector<std::pair<std::string, Bytes>> made = {
-                {"libdeflate 0", Libdeflate(plain, 0)},   {"libdeflate 1", Libdeflate(plain, 1)},
-                {"libdeflate 6", Libdeflate(plain, 6)},   {"libdeflate 12", Libdeflate(plain, 12)},
-                {"zlib fixed", Zlib(plain, Z_FIXED)},     {"zlib dynamic", Zlib(plain, Z_DEFAULT_STRATEGY)},
+                {"libdeflate 0", Libdeflate(plain, 0)},        {"libdeflate 1", Libdeflate(plain, 1)},
+                {"libdeflate 6", Libdeflate(plain, 6)},        {"libdeflate 12", Libdeflate(plain, 12)},
+                {"zlib fixed", Zlib(plain, Z_FIXED)},          {"zlib dynamic", Zlib(plain, Z_DEFAULT_STRATEGY)},
                 {"zlib huffman", Zlib(plain, Z_HUFFMAN_ONLY)},
             };
             for (const auto& [how, stream] : made) {

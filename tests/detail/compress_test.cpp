@@ -45,7 +45,8 @@ std::string NoTempFile(const std::string& path, int errnum) {
 // piece's end falling inside one.
 std::string Mixed() {
     std::string text;
-    for (int i = 0; text.size() < DEFLATE_PIECE; i++) text += "/srv/data/" + std::to_string(i * 7919 % 100003) + ".log\n";
+    for (int i = 0; text.size() < DEFLATE_PIECE; i++)
+        text += "/srv/data/" + std::to_string(i * 7919 % 100003) + ".log\n";
     return Random(DEFLATE_PIECE + 4097) + text + std::string(DEFLATE_PIECE / 2, '\0') + Random(777);
 }
 
