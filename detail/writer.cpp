@@ -11,6 +11,7 @@
 #include "detail/hardlinks.h"
 #include "log/log.h"
 #include "detail/record.h"
+#include "support/helpers.h"
 #include "support/byteorder.h"
 #include "support/memory.h"
 #include "support/utf8.h"
@@ -49,7 +50,7 @@ void DtlWriterOpen(FILE* stream, const char* name, time_t runTime, const char* t
 
 void HardLinkTableOpen() {
     HardLinksOpen();
-    hlinkFile = tmpfile();
+    hlinkFile = AnonymousTempFile();
     if (!hlinkFile) PosixErrExit(0, "Unable to create hard link temp file\n");
 }
 

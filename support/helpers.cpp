@@ -84,6 +84,22 @@ char* DefinedTempName(const char* base) {
     return name;
 }
 
+FILE* AnonymousTempFile() {
+    int fd = open(TempDirectory(tempDir), O_TMPFILE | O_RDWR | O_CLOEXEC, 0600);
+    // File systems without unnamed files: an exclusive name, removed at once.
+    for (int tries = 0; fd < 0 && (errno == EOPNOTSUPP || errno == EISDIR || errno == EEXIST) && tries < 10; tries++) {
+        char* name = DefinedTempName("tmp");
+        if (!name) return nullptr;
+        fd = open(name, O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+        if (fd >= 0) unlink(name);
+        free(name);
+    }
+    if (fd < 0) return nullptr;
+    FILE* stream = fdopen(fd, "w+");
+    if (!stream) close(fd);
+    return stream;
+}
+
 void MkdirRecursive(const char* path) {
     char copy[257];
     strncpy(copy, path, 256);

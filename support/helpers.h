@@ -27,6 +27,12 @@ int PathCmp(const char* a, const char* b);
 /// exclusively.
 char* DefinedTempName(const char* base);
 
+/// An unnamed read-write stream like tmpfile's, but in the directory
+/// DefinedTempName would choose, so that TMPDIR keeps a large scan's
+/// temporary data off a RAM-backed /tmp (tmpfile always uses /tmp). Nothing
+/// of it is ever left behind. Null with errno when it cannot be made.
+FILE* AnonymousTempFile();
+
 /// Creates every missing directory of path (mode 0700); failures are ignored.
 void MkdirRecursive(const char* path);
 

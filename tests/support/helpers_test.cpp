@@ -1,7 +1,9 @@
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
+#include <set>
 #include <string>
 
 #include "support/helpers.h"
@@ -41,4 +43,21 @@ TEST(DefinedTempName, ChoosesTheDirectoryAsTempnamDoesWithAShortPrefix) {
         free(b);
         tempDir = tempId = nullptr;
     }
+}
+
+// The hard-link chain's file lives where TMPDIR says, unnamed from the start.
+TEST(AnonymousTempFile, LivesInTmpdirWithoutAName) {
+    ScopedTempDir scratch;
+    ScopedEnv tmpdir("TMPDIR", scratch.path.c_str());
+    FILE* f = AnonymousTempFile();
+    ASSERT_NE(f, nullptr);
+    char target[4096] = {}, back[6] = {};
+    ASSERT_GT(readlink(("/proc/self/fd/" + std::to_string(fileno(f))).c_str(), target, sizeof target - 1), 0);
+    EXPECT_EQ(std::string(target).rfind(scratch.path + "/", 0), 0u) << target;
+    EXPECT_EQ(Entries(scratch.path), std::set<std::string>{});
+    ASSERT_EQ(fwrite("chain", 1, 5, f), 5u);
+    rewind(f);
+    EXPECT_EQ(fread(back, 1, 5, f), 5u);
+    EXPECT_STREQ(back, "chain");
+    fclose(f);
 }
