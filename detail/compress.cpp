@@ -272,28 +272,46 @@ static int DeflateAll(DeflateJob* job) {
     return job->failure.load();
 }
 
+// Gives the blocks of [from, to) of the output file back to the file
+// system, whole pages only: a piece's slot once its stream has moved on, so
+// that the temporary file never needs much more room than the stream (file
+// systems that cannot make holes keep the blocks until the final cut).
+static void PunchOut(int out, size_t from, size_t to) {
+    const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+    from = (from + page - 1) / page * page;
+    to = to / page * page;
+    if (from < to)
+        (void)fallocate(out, FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, static_cast<off_t>(from),
+                        static_cast<off_t>(to - from));
+}
+
 // Moves the joined pieces together behind the zlib header and puts the
 // Adler-32 of the whole file after them. Returns the stream's length.
-static size_t Gather(const Piece* pieces, size_t count, unsigned char* output) {
+static size_t Gather(const Piece* pieces, size_t count, unsigned char* output, int out) {
     output[0] = ZLIB_HEADER_0;
     output[1] = ZLIB_HEADER_1;
     size_t at = 2;
     uLong adler = pieces[0].adler;
     for (size_t i = 0; i < count; i++) {
-        if (pieces[i].slot != output + at) memmove(output + at, pieces[i].slot, pieces[i].length);
-        at += pieces[i].length;
-        if (i > 0) adler = adler32_combine64(adler, pieces[i].adler, static_cast<off64_t>(pieces[i].size));
+        const Piece& piece = pieces[i];
+        if (piece.slot != output + at) {
+            memmove(output + at, piece.slot, piece.length);
+            size_t slot = static_cast<size_t>(piece.slot - output);
+            PunchOut(out, std::max(slot, at + piece.length), slot + piece.length);
+        }
+        at += piece.length;
+        if (i > 0) adler = adler32_combine64(adler, piece.adler, static_cast<off64_t>(piece.size));
     }
     PutBigEndian32(output + at, static_cast<uint32_t>(adler));
     return at + 4;
 }
 
-static int GatherGuarded(const Piece* pieces, size_t count, unsigned char* output, size_t* length) {
+static int GatherGuarded(const Piece* pieces, size_t count, unsigned char* output, int out, size_t* length) {
     sigjmp_buf jump;
     int fault = sigsetjmp(jump, 1);
     if (fault == 0) {
         faultJump = &jump;
-        *length = Gather(pieces, count, output);
+        *length = Gather(pieces, count, output, out);
     }
     faultJump = nullptr;
     return fault;
@@ -352,7 +370,7 @@ static int DeflateInto(const unsigned char* input, size_t size, int out) {
     job.count = count;
     int failure = DeflateAll(&job);
     size_t length = 0;
-    if (failure == PIECE_OK) failure = GatherGuarded(pieces.data(), count, output, &length);
+    if (failure == PIECE_OK) failure = GatherGuarded(pieces.data(), count, output, out, &length);
     Unguard();
     munmap(map, room);
     if (failure != PIECE_OK) return SayFailure(failure);

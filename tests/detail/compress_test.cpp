@@ -167,25 +167,39 @@ TEST(Compression, FailuresAreFatalAndLeaveTheOriginalAndNoTemporaryFile) {
 // file system that runs out of room raises a bus error while the deflater
 // writes, on whichever thread deflates the piece: it must end as any failed
 // write does, with the message, the plain file intact and no temporary file
-// left.
-TEST(Compression, NoRoomForTheCompressedCopy) {
+// left. Room for the stream and one piece more is enough: a piece's slot is
+// given back once its stream has moved to the front.
+TEST(Compression, RoomForTheCompressedCopy) {
     ScopedTempDir dir;
     const std::string small = dir / "small";
     ASSERT_EQ(mkdir(small.c_str(), 0700), 0);
-    if (mount("ferrovan-test", small.c_str(), "tmpfs", 0, "size=12m") != 0) {
-        GTEST_SKIP() << "cannot mount a 12 MiB tmpfs (" << strerror(errno) << "): needs root with CAP_SYS_ADMIN; "
+    if (mount("ferrovan-test", small.c_str(), "tmpfs", 0, "size=64m") != 0) {
+        GTEST_SKIP() << "cannot mount a 64 MiB tmpfs (" << strerror(errno) << "): needs root with CAP_SYS_ADMIN; "
                      << "the file-size limit of Compression.FailuresAreFatal... covers the message";
     }
     struct Unmount {
         std::string path;
         ~Unmount() { umount2(path.c_str(), MNT_DETACH); }
     } unmount{small};
-    // Three pieces that deflate cannot shrink, 9 MiB in 12: the copy finds 3.
-    const std::string path = small + "/ferro.dtl", plain = Random(2 * DEFLATE_PIECE + 1024 * 1024);
-    WriteFile(path, plain);
-    EXPECT_EXIT(CloseDtlFile(nullptr, path.c_str(), 1), testing::ExitedWithCode(1), NoTempFile(path, ENOSPC));
-    EXPECT_EQ(Entries(small), std::set<std::string>{"ferro.dtl"});
-    EXPECT_TRUE(ReadFile(path) == plain);
+    // 48 MiB in 64: pieces that deflate cannot shrink need 48 more and fail;
+    // pieces of 1 MiB of random bytes and 3 of zeros make a 12 MiB stream,
+    // whose slots would take 12 more if they were not given back.
+    const std::string path = small + "/ferro.dtl";
+    std::string quarter;
+    for (int i = 0; i < 12; i++) quarter += Random(1 << 20) + std::string(3 << 20, '\0');
+    for (const std::string& plain : {Random(48 << 20), quarter}) {
+        WriteFile(path, plain);
+        if (plain != quarter) {
+            EXPECT_EXIT(CloseDtlFile(nullptr, path.c_str(), 1), testing::ExitedWithCode(1), NoTempFile(path, ENOSPC));
+            EXPECT_TRUE(ReadFile(path) == plain);
+        } else {
+            testing::internal::CaptureStdout();
+            CloseDtlFile(nullptr, path.c_str(), 1);
+            EXPECT_EQ(testing::internal::GetCapturedStdout(), "Compressing DTL file\n");
+            EXPECT_EQ(ReadFile(path).substr(0, 2), "\x78\x01");
+        }
+        EXPECT_EQ(Entries(small), std::set<std::string>{"ferro.dtl"});
+    }
 }
 
 // A detail file of 4 GiB and more is compressed whole, not its size modulo
