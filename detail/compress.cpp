@@ -1,6 +1,7 @@
 #include "detail/compress.h"
 
 #include "detail/blockwalk.h"
+#include "log/log.h"
 
 #include <fcntl.h>
 #include <libdeflate.h>
@@ -60,19 +61,6 @@ static bool ReadFull(int fd, unsigned char* buf, size_t n) {
     return true;
 }
 
-static bool WriteFull(int fd, const unsigned char* buf, size_t n) {
-    for (size_t done = 0; done < n;) {
-        ssize_t put = write(fd, buf + done, n - done);
-        if (put < 0 && errno == EINTR) continue;
-        if (put <= 0) {
-            if (put == 0) errno = ENOSPC;
-            return false;
-        }
-        done += static_cast<size_t>(put);
-    }
-    return true;
-}
-
 // Reads the next piece of the input, at most one buffer, into s_inbuf.
 // remaining counts in 64 bits: inputs of 4 GiB and more are read whole.
 static bool NextChunk(int in, uint64_t* remaining, size_t* got) {
@@ -86,7 +74,7 @@ static bool NextChunk(int in, uint64_t* remaining, size_t* got) {
 }
 
 static bool WriteOutBuffer(int out, size_t used) {
-    if (WriteFull(out, s_outbuf, used)) return true;
+    if (WriteFully(out, reinterpret_cast<const char*>(s_outbuf), used)) return true;
     Say("Failed writing to output file!");
     return false;
 }

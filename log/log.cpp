@@ -43,14 +43,18 @@ static bool statusOpen = false;
 static bool logOnTerminal = false;  // the log shares the terminal: erase before log lines too
 static volatile sig_atomic_t statusShown = 0;
 
-void WriteFully(int fd, const char* p, size_t n) {
+bool WriteFully(int fd, const char* p, size_t n) {
     while (n > 0) {
         ssize_t put = write(fd, p, n);
         if (put < 0 && errno == EINTR) continue;
-        if (put <= 0) return;
+        if (put <= 0) {
+            if (put == 0) errno = ENOSPC;
+            return false;
+        }
         p += put;
         n -= static_cast<size_t>(put);
     }
+    return true;
 }
 
 bool StatusLineOpen() {

@@ -69,8 +69,9 @@ void DebugLogEntry(int level, const char* format, ...) FV_PRINTF(2, 3);
 const wchar_t* PosixErrMsg(int errnum);
 
 /// Writes all n bytes to fd with write(2), again after an interruption;
-/// gives up on an error. Async-signal-safe.
-void WriteFully(int fd, const char* bytes, size_t n);
+/// gives up on an error and returns false with errno set (ENOSPC for a write
+/// that took nothing). Async-signal-safe.
+bool WriteFully(int fd, const char* bytes, size_t n);
 
 /// Opens the log and error outputs (null name: the console stream); mode 1
 /// enables the log lock. A named file that cannot be created is fatal.
