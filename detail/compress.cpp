@@ -2,6 +2,7 @@
 
 #include "detail/blockwalk.h"
 #include "log/log.h"
+#include "support/threads.h"
 
 #include <fcntl.h>
 #include <libdeflate.h>
@@ -247,14 +248,7 @@ static size_t Processors() {
 static int DeflateAll(DeflateJob* job) {
     pthread_t helpers[DEFLATE_MAX_THREADS];
     size_t wanted = std::min({Processors(), job->count, DEFLATE_MAX_THREADS}) - 1, started = 0;
-    if (wanted > 0) {
-        sigset_t all, before;
-        sigfillset(&all);
-        for (int sig : {SIGBUS, SIGSEGV, SIGFPE, SIGILL}) sigdelset(&all, sig);
-        pthread_sigmask(SIG_SETMASK, &all, &before);
-        while (started < wanted && pthread_create(&helpers[started], nullptr, DeflatePieces, job) == 0) started++;
-        pthread_sigmask(SIG_SETMASK, &before, nullptr);
-    }
+    while (started < wanted && StartBlockedThread(&helpers[started], DeflatePieces, job, 0)) started++;
     DeflatePieces(job);
     for (size_t i = 0; i < started; i++) pthread_join(helpers[i], nullptr);
     return job->failure.load();

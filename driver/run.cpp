@@ -21,6 +21,7 @@
 #include "driver/options.h"
 #include "log/log.h"
 #include "scan/idtable.h"
+#include "scan/readahead.h"
 #include "scan/walk.h"
 #include "support/byteorder.h"
 #include "support/memory.h"
@@ -98,6 +99,19 @@ static void StartDetailFile(FILE* stream, const char* name, int createdSlot) {
     ReleaseInterrupts();
 }
 
+// FERROVAN_THREADS: the threads the walk may use, its own included. Read
+// before anything is opened, so that a wrong value leaves no file behind.
+static uint32_t WalkThreadsWanted() {
+    const char* text = getenv("FERROVAN_THREADS");
+    if (!text) return WALK_THREADS_DEFAULT;
+    uint32_t value = 0;
+    const char* p = text;
+    while (*p >= '0' && *p <= '9' && value <= AHEAD_MAX_THREADS) value = value * 10 + static_cast<uint32_t>(*p++ - '0');
+    if (p == text || *p != '\0' || value < 1 || value > AHEAD_MAX_THREADS)
+        ErrExit("FERROVAN_THREADS must be a whole number from 1 to %u, not '%s'\n", AHEAD_MAX_THREADS, text);
+    return value;
+}
+
 // The scan root named on the command line: the one word the option parser
 // left in argv. A [ScanRoot] section without a path takes its path from here.
 static void TakeCommandLineRoot(int argc, char** argv) {
@@ -134,6 +148,7 @@ int RunFerrovan(int argc, char** argv) {
     tmodFlag = cmdOpts[CMD_TMOD].optFlags & OPT_FOUND;
     bool force = cmdOpts[CMD_F].optFlags & OPT_FOUND;
     zipFlag = cmdOpts[CMD_ZIP].optFlags & OPT_FOUND;
+    walkThreads = WalkThreadsWanted();
 
     OpenLogErrFiles(0, cmdOpts[CMD_LOG].optArg, cmdOpts[CMD_ERR].optArg);
     InstallInterruptHandlers();

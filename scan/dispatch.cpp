@@ -1,38 +1,20 @@
 #include "scan/dispatch.h"
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <cstring>
 
 #include "detail/writer.h"
 #include "scan/idtable.h"
 
 FileRecord* logBlk = nullptr;
-int dispatchDirFd = AT_FDCWD;
 
-// One buffer for every link target of the run: lstat sizes beyond it are cut.
-static char linkBuffer[LINK_TARGET_MAX + 1];
-
-// Runs once per entry: no allocation and no system call but readlinkat for a
-// symbolic link.
+// Runs once per entry: no allocation and no system call.
 uint32_t ProcessFile(FileRecord* record) {
     const struct stat& st = record->statData;
     uint32_t type = st.st_mode & S_IFMT;
     if (st.st_nlink >= 2) record->entryFlags |= FLAG_MULTI_LINK;
     CheckIdTree(st.st_uid, ID_USER);
     CheckIdTree(st.st_gid, ID_GROUP);
-    if (type == S_IFLNK) {
-        record->entryFlags |= FLAG_SYMLINK;
-        size_t size = st.st_size > 0 ? static_cast<size_t>(st.st_size) : 0;
-        if (size > LINK_TARGET_MAX) size = LINK_TARGET_MAX;
-        ssize_t got = readlinkat(dispatchDirFd, record->name, linkBuffer, size);
-        // The target ends where lstat said it does; bytes a shorter answer
-        // left unfilled are zeros, never an earlier link's target.
-        if (got < 0) got = 0;
-        memset(linkBuffer + got, 0, size + 1 - static_cast<size_t>(got));
-        StringObjectSet(record->linkTarget, linkBuffer);
-    }
+    if (type == S_IFLNK) record->entryFlags |= FLAG_SYMLINK;
     return type;
 }
 

@@ -10,7 +10,6 @@
 struct AuditRoot;
 
 extern FileRecord* logBlk;  ///< the run's file record; created by the first DispatchFile
-extern int dispatchDirFd;   ///< the open directory whose entries are dispatched; names are relative to it
 
 /// The run's file record (logBlk), created on first use: zero-filled, with
 /// its two string objects holding "init".
@@ -20,8 +19,9 @@ FileRecord* DispatchRecord();
 /// or the record's own (RecordStatBlock), and logicalPath may be the
 /// record's own dirPath text: what is already in place is not copied again.
 int DispatchFile(uint32_t kind, const char* logicalPath, const StatBlock* statBlock, AuditRoot* root);
-/// Completes an entry record: the multiple-links and symbolic-link flags, the
-/// owner and group in the id table, the link target (read relative to
-/// dispatchDirFd, cut at the lstat size; empty when it cannot be read).
-/// Returns the type bits of st_mode (0xA000 for a symbolic link).
+/// Completes an entry record: the multiple-links and symbolic-link flags and
+/// the owner and group in the id table. A symbolic link's target is already
+/// in linkTarget: the walk read it when it examined the entry
+/// (ReadLinkTarget, scan/readahead.h). Returns the type bits of st_mode
+/// (0xA000 for a symbolic link).
 uint32_t ProcessFile(FileRecord* record);

@@ -6,6 +6,7 @@ list(APPEND FERROVAN_CORE_SOURCES
   scan/dispatch.cpp
   scan/idtable.cpp
   scan/progress.cpp
+  scan/readahead.cpp
   scan/recall.cpp
   scan/totals.cpp
   scan/walk.cpp

@@ -1,9 +1,8 @@
 #include "scan/walk.h"
 
-#include <dirent.h>
-#include <fcntl.h>
-#include <unistd.h>
+#include <sys/stat.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -16,15 +15,12 @@
 #include "scan/accesspath.h"
 #include "scan/dispatch.h"
 #include "scan/progress.h"
+#include "scan/readahead.h"
 #include "scan/totals.h"
 #include "support/memory.h"
 
 uint32_t showProgress = 0;
-
-// Directory entries are read in large batches into one buffer for the whole
-// run: a directory is read completely before any subdirectory is opened.
-constexpr size_t DIRENT_BUFFER_SIZE = 256 * 1024;
-static char* direntBuffer = nullptr;
+uint32_t walkThreads = 1;
 
 // The access path of the directory being read, rebuilt for each directory
 // (its parent no longer needs its own once it has been read).
@@ -52,59 +48,63 @@ static const char* DirAccessPath(const char* rootPath, const char* logicalPath) 
     return BuildAccessPaths(nullptr, rootPath, logicalPath, nullptr, dirPathsMem)->accessPath;
 }
 
-static bool IsDotOrDotDot(const char* name) {
-    return name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0'));
+// The fields of the entry's examination that the record carries; the rest
+// of statData is not read.
+static void FillStat(struct stat& st, const AheadStat& seen) {
+    st.st_ino = seen.ino;
+    st.st_size = seen.size;
+    st.st_atim.tv_sec = seen.atime;
+    st.st_mtim.tv_sec = seen.mtime;
+    st.st_ctim.tv_sec = seen.ctime;
+    st.st_mode = seen.mode;
+    st.st_nlink = seen.nlink;
+    st.st_uid = seen.uid;
+    st.st_gid = seen.gid;
 }
 
-// Reads the open directory fd to its end and records every entry as it is
-// read; subdirectories are appended to *subdirs from chain, to be walked later.
-// Its loop runs once per entry: one fstatat each, no allocation but a
-// subdirectory's node, no path built.
-static DirTally ReadDirectory(int fd, const char* accessPath, const char* logicalPath, AuditRoot* root,
+// Records every entry of job's listing in listing order, as it was examined
+// (ahead, or now); subdirectories are appended to *subdirs from chain, to be
+// walked later. Its loop runs once per entry: no allocation but a
+// subdirectory's node, no system call, no path built.
+static DirTally RecordListing(AheadJob* job, const char* accessPath, const char* logicalPath, AuditRoot* root,
                               TempBlock** chain, SubdirNode** subdirs) {
     DirTally tally{};
     size_t accessLength = strlen(accessPath);
     SubdirNode** tail = subdirs;
-    if (!direntBuffer) direntBuffer = static_cast<char*>(GetMem(DIRENT_BUFFER_SIZE, "directory buffer"));
-    // Entries are examined straight into the file record, and its directory
+    // Entries are copied straight into the file record, and its directory
     // path is set once for the whole listing: DispatchFile copies neither.
     FileRecord* record = DispatchRecord();
     StringObjectSet(record->dirPath, logicalPath);
     const char* dirPath = record->dirPath->text;
     struct stat& st = record->statData;
-    dispatchDirFd = fd;
-    for (;;) {
-        ssize_t got = getdents64(fd, direntBuffer, DIRENT_BUFFER_SIZE);
-        if (got == 0) break;
-        if (got < 0) {
-            LogPosixErr(0, "Unable to read directory '%s'\n", accessPath);
-            break;
-        }
-        for (ssize_t at = 0; at < got;) {
-            const auto* entry = reinterpret_cast<const struct dirent64*>(direntBuffer + at);
-            at += entry->d_reclen;
-            const char* name = entry->d_name;
-            if (IsDotOrDotDot(name)) continue;
+    while (AheadPiece* piece = AheadNext(job)) {
+        for (uint32_t i = 0; i < piece->count; i++) {
+            AheadEntry* entry = &piece->entries[i];
+            const char* name = entry->name;
             tally.entries++;
             ProgressTick(accessPath);
-            size_t nameLength = strlen(name);
+            size_t nameLength = entry->nameLength;
             // "%s/%s" of the two and its terminator must fit an access-path buffer.
-            if (accessLength + 1 + nameLength + 1 > ACCESS_PATH_SIZE)
+            if (accessLength + 1 + nameLength + 1 > ACCESS_PATH_SIZE || entry->status == AHEAD_OVER_LIMIT)
                 ErrExit("Access path longer than %zu bytes: '%s/%s'\n", ACCESS_PATH_SIZE - 1, accessPath, name);
             if (nameLength >= ENTRY_NAME_SIZE)
                 ErrExit("Name longer than %zu bytes: '%s/%s'\n", ENTRY_NAME_SIZE - 1, accessPath, name);
             memcpy(record->name, name, nameLength + 1);
-            if (fstatat(fd, name, &st, AT_SYMLINK_NOFOLLOW) != 0) {
+            if (entry->status == AHEAD_UNEXAMINED) AheadExamine(piece, i);
+            if (entry->status != AHEAD_EXAMINED) {
+                errno = entry->status;
                 LogPosixErr(0, "Could not stat() '%s/%s'\n", accessPath, name);
                 continue;
             }
+            FillStat(st, entry->st);
             if (st.st_nlink >= 2) HardLinkPrefetch(static_cast<uint32_t>(st.st_ino));
             if (S_ISDIR(st.st_mode)) {
                 // Directories are recorded whether or not the templates will select them.
-                auto* node = static_cast<SubdirNode*>(TempAlloc(nameLength + 25, chain));
+                auto* node = static_cast<SubdirNode*>(TempAlloc(nameLength + 33, chain));
                 node->next = nullptr;
                 node->nameLen = static_cast<uint32_t>(nameLength);
                 node->name = reinterpret_cast<char*>(node + 1);
+                node->job = entry->child;
                 memcpy(node->name, name, nameLength + 1);
                 *tail = node;
                 tail = &node->next;
@@ -114,11 +114,16 @@ static DirTally ReadDirectory(int fd, const char* accessPath, const char* logica
                 root->fileCount++;
                 tally.files++;
                 tally.bytes += st.st_size;
+                if (S_ISLNK(st.st_mode)) StringObjectSet(record->linkTarget, entry->target);
             }
             DispatchFile(RECORD_ENTRY, dirPath, RecordStatBlock(record), root);
         }
+        AheadRelease(piece);
     }
-    dispatchDirFd = AT_FDCWD;
+    if (int error = AheadReadError(job)) {
+        errno = error;
+        LogPosixErr(0, "Unable to read directory '%s'\n", accessPath);
+    }
     return tally;
 }
 
@@ -132,7 +137,7 @@ static void DispatchDirEnd(const char* logicalPath, const DirTally& tally) {
     DispatchFile(RECORD_DIR_END, logicalPath, &block, nullptr);
 }
 
-int ProcessDirectory(const char* logicalPath, AuditRoot* root, int parentFd, const char* name, int level) {
+int ProcessDirectory(const char* logicalPath, AuditRoot* root, AheadJob* job, int level) {
     root->dirCount++;
     if (showProgress) LogTraceLine(logicalPath);
     const char* accessPath = DirAccessPath(root->path, logicalPath);
@@ -141,29 +146,26 @@ int ProcessDirectory(const char* logicalPath, AuditRoot* root, int parentFd, con
         LogErr("Directory '%s' is nested deeper than %d levels and was not entered\n", accessPath, MAX_DIR_LEVEL);
         return 0;
     }
-    // Below the root a directory replaced by a link fails to open instead of
-    // leading the walk elsewhere.
-    int flags = O_RDONLY | O_DIRECTORY | O_CLOEXEC | (level > 1 ? O_NOFOLLOW : 0);
-    int fd = openat(parentFd, name, flags);
-    if (fd < 0) {
+    if (int error = AheadOpen(job)) {
+        errno = error;
         LogPosixErr(0, "Unable to open directory '%s'\n", accessPath);
+        AheadLeave(job);
         return 0;
     }
     DispatchFile(RECORD_DIR_START, logicalPath, nullptr, root);
     TempBlock* chain = nullptr;
     SubdirNode* subdirs = nullptr;
-    DirTally tally = ReadDirectory(fd, accessPath, logicalPath, root, &chain, &subdirs);
+    DirTally tally = RecordListing(job, accessPath, logicalPath, root, &chain, &subdirs);
+    AheadEntriesDone(job);
     if (tally.entries == 0) root->emptyDirCount++;
-    // The descriptor stays open only to open the subdirectories relative to it.
-    for (const SubdirNode* node = subdirs; node; node = node->next) ProcessSubdir(root, logicalPath, node, fd, level);
-    close(fd);
+    for (const SubdirNode* node = subdirs; node; node = node->next) ProcessSubdir(root, logicalPath, node, level);
     TempFree(&chain);
+    AheadLeave(job);
     DispatchDirEnd(logicalPath, tally);
     return 0;
 }
 
-void ProcessSubdir(AuditRoot* root, const char* parentLogicalPath, const SubdirNode* node, int parentFd,
-                   int parentLevel) {
+void ProcessSubdir(AuditRoot* root, const char* parentLogicalPath, const SubdirNode* node, int parentLevel) {
     // The entry's access path was checked against the same bound, and the
     // logical path is no longer than it.
     char subPath[ACCESS_PATH_SIZE];
@@ -176,7 +178,7 @@ void ProcessSubdir(AuditRoot* root, const char* parentLogicalPath, const SubdirN
     subPath[join - 1] = '/';
     memcpy(subPath + join, node->name, size_t{node->nameLen} + 1);
     if (!IsDirectorySelected(subPath, root)) return;
-    ProcessDirectory(subPath, root, parentFd, node->name, parentLevel + 1);
+    ProcessDirectory(subPath, root, node->job, parentLevel + 1);
 }
 
 int ProcessRoot(AuditRoot* root) {
@@ -194,7 +196,9 @@ int ProcessRoot(AuditRoot* root) {
     LogEntry("\n");
     root->dtlStartPos = DtlPosition();
     ProgressStart(root);
-    ProcessDirectory("/", root, AT_FDCWD, root->path, 1);
+    AheadStart(root, walkThreads);
+    ProcessDirectory("/", root, AheadRootJob(), 1);
+    AheadStop();
     ProgressEnd();
     LogRootTotals(root);
     DisplayTotals(root);

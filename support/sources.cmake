@@ -3,5 +3,6 @@ list(APPEND FERROVAN_CORE_SOURCES
   support/helpers.cpp
   support/memory.cpp
   support/numfmt.cpp
+  support/threads.cpp
   support/utf8.cpp
 )
