@@ -5,6 +5,7 @@ list(APPEND FERROVAN_TEST_SOURCES
   scan/dispatch_test.cpp
   scan/idtable_test.cpp
   scan/progress_test.cpp
+  scan/readahead_test.cpp
   scan/recall_test.cpp
   scan/totals_test.cpp
   scan/walk_test.cpp

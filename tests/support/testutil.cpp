@@ -187,7 +187,7 @@ static std::vector<std::string> ScanArgs(const std::string& root, const std::vec
 
 RunResult RunDirs::Scan(const std::vector<std::string>& extra, RunOptions options) const {
     options.cwd = work;
-    return RunFerrovan(ScanArgs(root, extra), options);
+    return RunProgram(options.program.empty() ? FERROVAN_BIN : options.program, ScanArgs(root, extra), options);
 }
 
 pid_t RunDirs::Start(const std::vector<std::string>& extra, int out, int err, RunOptions options) const {
@@ -197,7 +197,8 @@ pid_t RunDirs::Start(const std::vector<std::string>& extra, int out, int err, Ru
     if (options.traced) options.env.push_back("ASAN_OPTIONS=detect_leaks=0");
     int stdio[3] = {open("/dev/null", O_RDONLY | O_CLOEXEC), out < 0 ? Create("stdout") : out,
                     err < 0 ? Create("stderr") : err};
-    pid_t pid = StartProgram(FERROVAN_BIN, ScanArgs(root, extra), stdio, options);
+    pid_t pid =
+        StartProgram(options.program.empty() ? FERROVAN_BIN : options.program, ScanArgs(root, extra), stdio, options);
     close(stdio[0]);
     if (out < 0) close(stdio[1]);
     if (err < 0) close(stdio[2]);

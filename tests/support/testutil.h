@@ -62,6 +62,7 @@ struct RunOptions {
                                 ///< with SIGXFSZ ignored so that a write past it fails with EFBIG
     std::vector<std::string> env = {};  ///< NAME=value settings added to the environment
     bool traced = false;        ///< RunDirs::Start only: the program stops under ptrace as it starts (PTRACE_TRACEME)
+    std::string program = "";   ///< RunDirs only: the scanner to run ("" = the Ferrovan under test)
 };
 
 /// Runs program with args (argv[0] is the program path) and captures its output.
