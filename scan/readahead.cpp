@@ -41,6 +41,7 @@ struct AheadJob {
     uint32_t listed;          // entries read so far: the next entry's position
     uint32_t unexamined;      // pieces made and not yet wholly examined
     uint32_t unopened;        // children made that are not yet opened: they need fd
+    uint32_t deferred;        // entries left for the walk to examine: it needs fd
     AheadPiece* head;         // pieces made and not yet taken by the walk, in order
     AheadPiece* tail;
     bool opening;             // a thread is opening it
@@ -133,21 +134,44 @@ void WaitFor(AheadJob* job) {
     ahead->walkWaitsFor = nullptr;
 }
 
-// The descriptor to close once nothing needs it: the walk has taken the
-// listing and every child that needs it for its open has been opened.
-// Returns it (the caller closes it without the lock), or -1.
-int Releasable(AheadJob* job) {
-    if (job->fd < 0 || !job->entriesDone || !job->listedAll || job->reading || job->unexamined != 0 ||
-        job->unopened != 0)
-        return -1;
-    int fd = job->fd;
-    job->fd = -1;
-    ahead->openDirs--;
-    return fd;
+// Descriptors released under the lock, closed by the same thread once it
+// lets the lock go: a close may take a while (ext4 frees a directory's
+// listing cache then), and no other thread should wait for it.
+constexpr int CLOSE_LATER_MAX = 4;
+thread_local int closeLater[CLOSE_LATER_MAX];
+thread_local int closeLaterCount = 0;
+
+void Unlock() {
+    int n = closeLaterCount;
+    closeLaterCount = 0;
+    pthread_mutex_unlock(&ahead->lock);
+    for (int i = 0; i < n; i++) close(closeLater[i]);
 }
 
-void CloseIfAny(int fd) {
-    if (fd >= 0) close(fd);
+// Lets job's descriptor go once nothing can need it any more: the listing
+// is read and examined, every child has been opened relative to it, and no
+// entry is left for the walk to examine relative to it (or the walk is done
+// with the listing).
+void ReleaseIfDone(AheadJob* job) {
+    if (job->fd < 0 || !job->listedAll || job->reading || job->unexamined != 0 || job->unopened != 0 ||
+        (job->deferred != 0 && !job->entriesDone))
+        return;
+    ahead->openDirs--;
+    if (closeLaterCount < CLOSE_LATER_MAX) {
+        closeLater[closeLaterCount++] = job->fd;
+    } else {
+        close(job->fd);
+    }
+    job->fd = -1;
+}
+
+bool MayGrow() { return ahead->bytesAhead < AHEAD_BUDGET_BYTES && !ahead->stopping; }
+
+void QueueRead(AheadJob* job) {
+    if (ahead->helpers == 0) return;
+    ahead->toRead.insert(job);
+    job->queuedRead = true;
+    Wake(1);
 }
 
 // The listing is over and wholly examined: its children may be opened
@@ -233,13 +257,21 @@ AheadJob* Examine(AheadJob* job, AheadEntry* entry, uint32_t ordinal, bool onHel
     return nullptr;
 }
 
-// Examines one slice of a piece without the lock; the children it makes are
-// returned in listing order, linked through nextChild.
-AheadJob* ExamineSlice(AheadPiece* piece, uint32_t slice, bool onHelper, uint32_t* made) {
+// What examining a slice made: the children in listing order (linked
+// through nextChild) and the entries left for the walk.
+struct SliceResult {
+    AheadJob* children;
+    AheadJob* last;
+    uint32_t made;
+    uint32_t deferred;
+};
+
+// Examines one slice of a piece, without the lock.
+SliceResult ExamineSlice(AheadPiece* piece, uint32_t slice, bool onHelper) {
     AheadJob* job = piece->job;
     Seam(AHEAD_EXAMINE, job, onHelper);
-    AheadJob* first = nullptr;
-    AheadJob** tail = &first;
+    SliceResult result{};
+    AheadJob** tail = &result.children;
     uint32_t end = std::min(piece->count, (slice + 1) * AHEAD_SLICE);
     for (uint32_t i = slice * AHEAD_SLICE; i < end; i++) {
         AheadEntry* entry = &piece->entries[i];
@@ -248,25 +280,27 @@ AheadJob* ExamineSlice(AheadPiece* piece, uint32_t slice, bool onHelper, uint32_
             entry->child = child;
             *tail = child;
             tail = &child->nextChild;
-            (*made)++;
+            result.last = child;
+            result.made++;
         }
+        if (entry->status == AHEAD_UNEXAMINED) result.deferred++;
     }
-    return first;
+    return result;
 }
 
 // Under the lock: a slice is examined. The last one completes the piece.
-void SliceDone(AheadPiece* piece, AheadJob* children, uint32_t made) {
+void SliceDone(AheadPiece* piece, const SliceResult& result) {
     AheadJob* job = piece->job;
-    if (children) {
-        AheadJob* last = children;
-        while (last->nextChild) last = last->nextChild;
-        last->nextChild = job->children;
-        job->children = children;
-        job->unopened += made;
+    if (result.children) {
+        result.last->nextChild = job->children;
+        job->children = result.children;
+        job->unopened += result.made;
     }
+    job->deferred += result.deferred;
     if (++piece->done < piece->slices) return;
     job->unexamined--;
     HandOutChildren(job);
+    ReleaseIfDone(job);
     TellWalk(job);
 }
 
@@ -278,11 +312,10 @@ uint32_t ClaimSlice(AheadPiece* piece) {
 }
 
 void ExamineClaimed(AheadPiece* piece, uint32_t slice, bool onHelper) {
-    pthread_mutex_unlock(&ahead->lock);
-    uint32_t made = 0;
-    AheadJob* children = ExamineSlice(piece, slice, onHelper, &made);
+    Unlock();
+    SliceResult result = ExamineSlice(piece, slice, onHelper);
     pthread_mutex_lock(&ahead->lock);
-    SliceDone(piece, children, made);
+    SliceDone(piece, result);
 }
 
 bool IsDotOrDotDot(const char* name) {
@@ -355,9 +388,11 @@ ReadResult ReadPiece(AheadJob* job, char* buffer, bool onHelper) {
     return result;
 }
 
-// Under the lock: a batch has been read.
-void AddPiece(AheadJob* job, const ReadResult& result) {
-    job->reading = false;
+// Under the lock: a batch has been read. A reader that goes on (a helper)
+// keeps its claim and the piece's first slice; otherwise the claim ends and
+// the rest of the listing is queued for whoever comes first.
+AheadPiece* AddPiece(AheadJob* job, const ReadResult& result, bool goOn) {
+    AheadPiece* own = nullptr;
     if (AheadPiece* piece = result.piece) {
         if (job->tail) {
             job->tail->next = piece;
@@ -368,43 +403,74 @@ void AddPiece(AheadJob* job, const ReadResult& result) {
         job->listed += piece->count;
         job->unexamined++;
         ahead->bytesAhead += piece->bytes;
-        if (ahead->helpers != 0) {
+        if (goOn) {
+            piece->claimed = 1;
+            own = piece;
+        }
+        if (ahead->helpers != 0 && piece->claimed < piece->slices) {
             ahead->toExamine.insert(piece);
-            Wake(piece->slices);
+            Wake(piece->slices - piece->claimed);
         }
     }
     if (result.end) {
+        job->reading = false;
         job->listedAll = true;
         job->readError = result.error;
         job->overLimit = result.overLimit;
         HandOutChildren(job);
-    } else if (ahead->helpers != 0) {
-        ahead->toRead.insert(job);
-        job->queuedRead = true;
-        Wake(1);
+        ReleaseIfDone(job);
+    } else if (!goOn) {
+        job->reading = false;
+        QueueRead(job);
     }
     TellWalk(job);
+    return own;
 }
 
-void ReadClaimed(AheadJob* job, char* buffer, bool onHelper) {
+// The walk reads one batch of a listing it waits for.
+void ReadClaimed(AheadJob* job, char* buffer) {
     if (job->queuedRead) ahead->toRead.erase(job);
     job->queuedRead = false;
     job->reading = true;
-    pthread_mutex_unlock(&ahead->lock);
-    ReadResult result = ReadPiece(job, buffer, onHelper);
+    Unlock();
+    ReadResult result = ReadPiece(job, buffer, false);
     pthread_mutex_lock(&ahead->lock);
-    AddPiece(job, result);
+    AddPiece(job, result, false);
+}
+
+// A helper's turn at a listing: it reads batch after batch and examines each
+// batch's first slice itself (a small directory is then listed and examined
+// in one visit), leaving the other slices to whoever is free, until the
+// listing is over or the budget is spent.
+void ListOn(AheadJob* job, char* buffer) {
+    if (job->queuedRead) ahead->toRead.erase(job);
+    job->queuedRead = false;
+    job->reading = true;
+    for (;;) {
+        Unlock();
+        ReadResult result = ReadPiece(job, buffer, true);
+        pthread_mutex_lock(&ahead->lock);
+        if (AheadPiece* own = AddPiece(job, result, true)) ExamineClaimed(own, 0, true);
+        if (job->listedAll) return;
+        if (!MayGrow()) {
+            job->reading = false;
+            QueueRead(job);
+            TellWalk(job);
+            return;
+        }
+    }
 }
 
 // Opens a claimed job without the lock, then records the outcome under it.
 // A helper that finds no descriptor left gives the job back and stops
-// opening; the walk reports what it meets itself.
-void OpenClaimed(AheadJob* job, bool onHelper) {
+// opening; the walk reports what it meets itself. Returns true when the
+// directory is open and the caller, a helper, goes on to list it.
+bool OpenClaimed(AheadJob* job, bool onHelper) {
     if (job->queuedOpen) ahead->toOpen.erase(job);
     job->queuedOpen = false;
     job->opening = true;
     ahead->openDirs++;
-    pthread_mutex_unlock(&ahead->lock);
+    Unlock();
     Seam(AHEAD_OPEN, job, onHelper);
     // Below the root a directory replaced by a link fails to open instead of
     // leading the walk elsewhere.
@@ -417,29 +483,25 @@ void OpenClaimed(AheadJob* job, bool onHelper) {
     if (fd < 0 && onHelper && (error == EMFILE || error == ENFILE)) {
         ahead->dirBudget = std::min(ahead->dirBudget, ahead->openDirs);
         TellWalk(job);
-        return;
+        return false;
     }
     job->opened = true;
     job->fd = fd;
     job->openError = error;
-    int release = -1;
     if (job->parent) {
         job->parent->unopened--;
-        release = Releasable(job->parent);
-    }
-    if (fd < 0) {
-        job->listedAll = true;
-    } else if (ahead->helpers != 0) {
-        ahead->toRead.insert(job);
-        job->queuedRead = true;
-        Wake(1);
+        ReleaseIfDone(job->parent);
     }
     TellWalk(job);
-    if (release >= 0) {
-        pthread_mutex_unlock(&ahead->lock);
-        close(release);
-        pthread_mutex_lock(&ahead->lock);
+    if (fd < 0) {
+        job->listedAll = true;
+        return false;
     }
+    // The walk, which opened it because it needs it now, reads it itself.
+    if (!onHelper) return false;
+    if (MayGrow()) return true;
+    QueueRead(job);
+    return false;
 }
 
 enum class Work { NONE, EXAMINE, READ, OPEN };
@@ -455,7 +517,7 @@ Work PickWork(AheadPiece** piece, AheadJob** job) {
         best = Work::EXAMINE;
         bestJob = (*piece)->job;
     }
-    if (ahead->bytesAhead >= AHEAD_BUDGET_BYTES) return best;
+    if (!MayGrow()) return best;
     // For the same directory its read pieces come before its next batch.
     if (!ahead->toRead.empty()) {
         AheadJob* next = *ahead->toRead.begin();
@@ -483,8 +545,10 @@ void* HelperMain(void*) {
         AheadJob* job = nullptr;
         switch (PickWork(&piece, &job)) {
             case Work::EXAMINE: ExamineClaimed(piece, ClaimSlice(piece), true); break;
-            case Work::READ: ReadClaimed(job, buffer, true); break;
-            case Work::OPEN: OpenClaimed(job, true); break;
+            case Work::READ: ListOn(job, buffer); break;
+            case Work::OPEN:
+                if (OpenClaimed(job, true)) ListOn(job, buffer);
+                break;
             case Work::NONE:
                 ahead->idle++;
                 pthread_cond_wait(&ahead->work, &ahead->lock);
@@ -492,7 +556,7 @@ void* HelperMain(void*) {
                 break;
         }
     }
-    pthread_mutex_unlock(&ahead->lock);
+    Unlock();
     free(buffer);
     return nullptr;
 }
@@ -579,7 +643,7 @@ int AheadOpen(AheadJob* job) {
         }
     }
     int error = job->openError;
-    pthread_mutex_unlock(&ahead->lock);
+    Unlock();
     return error;
 }
 
@@ -599,12 +663,12 @@ AheadPiece* AheadNext(AheadJob* job) {
         } else if (!piece && job->listedAll) {
             break;
         } else if (!piece && !job->reading) {
-            ReadClaimed(job, ahead->walkBuffer, false);
+            ReadClaimed(job, ahead->walkBuffer);
         } else {
             WaitFor(job);
         }
     }
-    pthread_mutex_unlock(&ahead->lock);
+    Unlock();
     return taken;
 }
 
@@ -616,7 +680,7 @@ void AheadRelease(AheadPiece* piece) {
     bool wasFull = ahead->bytesAhead >= resume;
     ahead->bytesAhead -= piece->bytes;
     if (wasFull && ahead->bytesAhead < resume) Wake(ahead->idle);
-    pthread_mutex_unlock(&ahead->lock);
+    Unlock();
     free(piece);
 }
 
@@ -631,7 +695,7 @@ void AheadExamine(AheadPiece* piece, uint32_t index) {
     // The walk opens it itself, relative to the descriptor this keeps open.
     pthread_mutex_lock(&ahead->lock);
     job->unopened++;
-    pthread_mutex_unlock(&ahead->lock);
+    Unlock();
 }
 
 int AheadReadError(const AheadJob* job) { return job->readError; }
@@ -639,9 +703,8 @@ int AheadReadError(const AheadJob* job) { return job->readError; }
 void AheadEntriesDone(AheadJob* job) {
     pthread_mutex_lock(&ahead->lock);
     job->entriesDone = true;
-    int release = Releasable(job);
-    pthread_mutex_unlock(&ahead->lock);
-    CloseIfAny(release);
+    ReleaseIfDone(job);
+    Unlock();
 }
 
 void AheadLeave(AheadJob* job) {
@@ -653,7 +716,7 @@ void AheadLeave(AheadJob* job) {
     int fd = job->fd;
     if (fd >= 0) ahead->openDirs--;
     if (job == ahead->rootJob) ahead->rootJob = nullptr;
-    pthread_mutex_unlock(&ahead->lock);
-    CloseIfAny(fd);
+    Unlock();
+    if (fd >= 0) close(fd);
     free(job);
 }
