@@ -11,6 +11,7 @@
 #include <string_view>
 #include <vector>
 
+#include "reader/browse.h"
 #include "reader/dtldump.h"
 #include "reader/export.h"
 #include "reader/htmlreport.h"
@@ -24,7 +25,8 @@ const char* const DTLDUMP_USAGE =
     "       dtldump diff [OPTIONS] OLD NEW         compare two scans of one root\n"
     "\n"
     "commands:\n"
-    "  top      the largest directories: -n N, --depth D, --by size|entries\n"
+    "  top      the largest directories: -n N, --depth D, --by size|entries;\n"
+    "           --files: the largest files instead\n"
     "  owners   entries, files, directories and bytes per user and group: -n N\n"
     "  age      files by age of modification and access, the coldest directories:\n"
     "           --buckets LIST (1m,6m,1y,3y), --cold AGE (1y), -n N, --depth D\n"
@@ -32,6 +34,7 @@ const char* const DTLDUMP_USAGE =
     "  export   every entry as CSV or NDJSON: --format csv|ndjson\n"
     "  diff     totals, the directories that grew, shrank, appeared or vanished:\n"
     "           -n N, --depth D, --by size|entries, --force (different roots)\n"
+    "  browse   a full-screen browser of the scan in the terminal (keys: ? in it)\n"
     "  html     one page to open in a browser: a zoomable treemap of the directories\n"
     "           and the tables of top, owners, age and types: -o FILE (standard output),\n"
     "           --min-share PERCENT (0.1), --colour top|age, -n N (50), --depth D,\n"
@@ -70,6 +73,7 @@ const Command COMMANDS[] = {
     {"types", OPT_ROWS, 1},
     {"export", OPT_FORMAT, 1},
     {"diff", OPT_ROWS | OPT_DEPTH | OPT_BY | OPT_FORCE, 2},
+    {"browse", 0, 1},
     {"html", OPT_ROWS | OPT_DEPTH | OPT_BUCKETS | OPT_COLD | OPT_OUTPUT | OPT_SHARE | OPT_COLOUR, 1},
 };
 
@@ -194,7 +198,7 @@ int ParseArgs(int argc, char** argv, Args* a) {
         }
     }
     if (a->help) return 0;
-    if (a->print.json && a->command->options & OPT_OUTPUT)
+    if (a->print.json && (a->command->options & OPT_OUTPUT || !a->command->options))
         return Usage(("option '%s' does not apply to " + std::string(a->command->name)).c_str(), "--json");
     if (a->files.size() != a->command->files)
         return Usage(a->command->files == 1 ? "%s takes one detail file" : "%s takes two detail files: OLD NEW",
@@ -287,6 +291,7 @@ int CommandMain(int argc, char** argv) {
     }
     std::string name = a.command->name;
     if (name == "export") return Export(a);
+    if (name == "browse") return BrowseMain(a.files[0], a.partial);
     ReportOptions& r = a.report;
     r.partial = a.partial;
     bool html = name == "html";  // the page shows every report

@@ -371,6 +371,7 @@ bool DtlOpen(DtlReader* r, const char* path, const DtlOpenOptions& options) {
     r->fd = s.input.fd;
     r->wasCompressed = s.input.compressed;
     if (!opened) return Fail(r, 0, "%s", error.c_str());
+    if (s.input.compressed) s.input.checkpoints = options.checkpoints;
     size_t got = Need(r, DTL_STRINGS_POS);
     if (r->failed) return false;
     const uint8_t* p = Here(s);

@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "detail/format.h"
+#include "reader/dtlinput.h"
 
 /// The first fault found in a file.
 struct DtlFault {
@@ -92,6 +93,9 @@ struct DtlOpenOptions {
     bool acceptUnfinished = false;
     /// Keep the names DtlNameAt needs when the file is compressed.
     bool nameLinks = true;
+    /// When the file is compressed, gather into this the checkpoints that
+    /// DtlSeekRead (reader/dtlinput.h) needs to read it again out of turn.
+    DtlCheckpoints* checkpoints = nullptr;
 };
 
 /// A detail file being read. Plain data; DtlOpen fills it, DtlNext advances it.

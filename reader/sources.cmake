@@ -5,6 +5,8 @@
 # reader/dtldump.cpp, stays out.
 set(FERROVAN_READER_SOURCES
   reader/ageprint.cpp
+  reader/browsescreen.cpp
+  reader/browsetree.cpp
   reader/commands.cpp
   reader/diff.cpp
   reader/diffprint.cpp

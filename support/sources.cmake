@@ -3,5 +3,6 @@ list(APPEND FERROVAN_CORE_SOURCES
   support/helpers.cpp
   support/memory.cpp
   support/numfmt.cpp
+  support/termwidth.cpp
   support/utf8.cpp
 )
