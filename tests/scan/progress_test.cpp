@@ -29,18 +29,22 @@ TEST(ProgressLine, ShowsTheFiguresAndTheEndOfThePathWithinTheColumns) {
     } cases[] = {
         {big, "/usr/share", head.size() + 10, head + "/usr/share"},      // just fits
         {big, "/usr/share/doc", head.size() + 10, head + "...are/doc"},  // the end of the path is kept
-        {big, "/a\nb\x7f\xff", 200, head + "/a?b??"},                    // control and stray bytes
-        {big, "/d/\xc3\xa9\xc3\xa9\xc3\xa9", head.size() + 7, head + "...\xc3\xa9\xc3\xa9"},  // two columns each
-        {big, "/d/\xc3\xa9\xc3\xa9\xc3\xa9", head.size() + 6, head + "...\xc3\xa9"},          // never half of one
+        {big, "/a\nb\x7f\xff\\", 200, head + "/a\\nb\\x7f\\xff\\\\"},  // control and stray bytes, escaped
+        {big, "/d/\xc3\xa9\xc3\xa9\xc3\xa9", head.size() + 5, head + "...\xc3\xa9\xc3\xa9"},  // one column each
+        {big, "/d/\xe4\xb8\xad\xe4\xb8\xad", head.size() + 7, head + "/d/\xe4\xb8\xad\xe4\xb8\xad"},  // wide: two each
+        {big, "/d/\xe4\xb8\xad\xe4\xb8\xad", head.size() + 6, head + "...\xe4\xb8\xad"},  // never half of one
+        {big, "/xyde\xcc\x81\xcc\x81" "f", head.size() + 5, head + "...e\xcc\x81\xcc\x81" "f"},  // marks take none
         {big, "/usr", 20, head.substr(0, 20)},  // too narrow even for the figures
         {{500, 2, 999, 0.5}, "/r", 80, "500 entries  2 dirs  999 bytes  1,000/s  00:00:00  /r"},
         {{1, 1, 999999, 10805}, "/r", 80, "1 entries  1 dirs  1.00mb  0/s  03:00:05  /r"},  // 999.999kb rounds up a unit
         {{1, 1, 1000, 1}, "/r", 80, "1 entries  1 dirs  1.00kb  1/s  00:00:01  /r"},
     };
     for (const Case& c : cases) {
-        char out[2048];
-        size_t length = FormatProgressLine(c.figures, c.path, c.columns, out);
+        char out[4 * 2048];
+        size_t columns = 0;
+        size_t length = FormatProgressLine(c.figures, c.path, c.columns, out, &columns);
         EXPECT_EQ(std::string(out, length), c.line) << c.path << " in " << c.columns;
+        EXPECT_LE(columns, c.columns) << c.path;
     }
 }
 
