@@ -373,10 +373,10 @@ void Draw(Browser* b) {
         return;
     }
     const BrowseTree& t = *b->tree;
-    std::string head = "dtldump browse  " + t.strings.rootPath + " on " + t.strings.nodeName + ", started " +
-                       HeadingTime(t.log.runTime);
-    if (!t.complete)
-        head += t.unfinished ? "  PARTIAL: unfinished scan" : "  PARTIAL: damaged file, read as far as it goes";
+    // A partial file says so first, where no width cuts it off.
+    std::string head = "dtldump browse  ";
+    if (!t.complete) head += t.unfinished ? "PARTIAL: unfinished scan  " : "PARTIAL: damaged file, as far as it goes  ";
+    head += t.strings.rootPath + " on " + t.strings.nodeName + ", started " + HeadingTime(t.log.runTime);
     Bar(0, head);
     std::string where = FullPath(t, BrowsePath(t, b->dir));
     char position[48];

@@ -1,4 +1,5 @@
 list(APPEND FERROVAN_TEST_SOURCES
+  reader/browse_test.cpp
   reader/commands_test.cpp
   reader/dtldump_test.cpp
   reader/dtlpipe_test.cpp
