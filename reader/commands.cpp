@@ -58,6 +58,7 @@ enum Option : unsigned {
     OPT_OUTPUT = 128,
     OPT_SHARE = 256,
     OPT_COLOUR = 512,
+    OPT_FILES = 1024,
 };
 
 struct Command {
@@ -67,7 +68,7 @@ struct Command {
 };
 
 const Command COMMANDS[] = {
-    {"top", OPT_ROWS | OPT_DEPTH | OPT_BY, 1},
+    {"top", OPT_ROWS | OPT_DEPTH | OPT_BY | OPT_FILES, 1},
     {"owners", OPT_ROWS, 1},
     {"age", OPT_ROWS | OPT_DEPTH | OPT_BUCKETS | OPT_COLD, 1},
     {"types", OPT_ROWS, 1},
@@ -80,7 +81,7 @@ const Command COMMANDS[] = {
 struct Args {
     const Command* command = nullptr;
     std::vector<const char*> files;
-    bool partial = false, force = false, help = false;
+    bool partial = false, force = false, help = false, largestFiles = false;
     ExportFormat format = EXPORT_CSV;
     PrintOptions print;
     ReportOptions report;
@@ -144,6 +145,7 @@ int ParseArgs(int argc, char** argv, Args* a) {
             {"--force", OPT_FORCE, false},   {"-o", OPT_OUTPUT, true},
             {"--output", OPT_OUTPUT, true},  {"--min-share", OPT_SHARE, true},
             {"--colour", OPT_COLOUR, true},  {"--color", OPT_COLOUR, true},
+            {"--files", OPT_FILES, false},
         };
         const Known* k = nullptr;
         for (const Known& x : known)
@@ -166,6 +168,8 @@ int ParseArgs(int argc, char** argv, Args* a) {
             a->help = true;
         } else if (name == "--force") {
             a->force = true;
+        } else if (name == "--files") {
+            a->largestFiles = true;
         } else if (name == "-n" || name == "--depth") {
             if (!ParseCount(value, &count)) return Usage("'%s' is not a count", value.c_str());
             if (name == "-n") {
@@ -198,6 +202,8 @@ int ParseArgs(int argc, char** argv, Args* a) {
         }
     }
     if (a->help) return 0;
+    if (a->largestFiles && (a->print.depth >= 0 || a->print.byEntries))
+        return Usage("%s does not apply to top --files", a->print.depth >= 0 ? "--depth" : "--by");
     if (a->print.json && (a->command->options & OPT_OUTPUT || !a->command->options))
         return Usage(("option '%s' does not apply to " + std::string(a->command->name)).c_str(), "--json");
     if (a->files.size() != a->command->files)
@@ -295,7 +301,9 @@ int CommandMain(int argc, char** argv) {
     ReportOptions& r = a.report;
     r.partial = a.partial;
     bool html = name == "html";  // the page shows every report
-    r.dirs = name == "top" || name == "age" || name == "diff" || html;
+    r.dirs = (name == "top" && !a.largestFiles) || name == "age" || name == "diff" || html;
+    if (a.largestFiles) r.largestFiles = a.print.rows;
+    if (html) r.fileShare = a.minShare;
     r.owners = name == "owners" || html;
     r.ages = name == "age" || html;
     r.types = name == "types" || html;
@@ -303,7 +311,9 @@ int CommandMain(int argc, char** argv) {
     for (size_t i = 0; i < a.files.size(); i++)
         if (!ReadReport(a.files[i], r, &scans[i])) return Refuse(scans[i]);
     std::string out;
-    if (name == "top") {
+    if (name == "top" && a.largestFiles) {
+        PrintTopFiles(&out, scans[0], a.print);
+    } else if (name == "top") {
         PrintTop(&out, scans[0], a.print);
     } else if (name == "owners") {
         PrintOwners(&out, scans[0], a.print);

@@ -15,6 +15,7 @@ set(FERROVAN_READER_SOURCES
   reader/dtlread.cpp
   reader/dump.cpp
   reader/export.cpp
+  reader/fileprint.cpp
   reader/htmlpage.cpp
   reader/report.cpp
   reader/reportprint.cpp
