@@ -37,9 +37,10 @@
   function isFile(i) { return c.file[i] === 1; }
   function isDir(i) { return c.folded[i] < 0 && !isFile(i); }
 
-  // A directory can be zoomed into when the page carries a subdirectory of it.
+  // A directory can be zoomed into when the page carries a subdirectory or
+  // a file of it.
   function canZoom(i) {
-    return isDir(i) && kids[i].some(isDir);
+    return isDir(i) && kids[i].some(function (k) { return isDir(k) || isFile(k); });
   }
 
   // The real path of a directory or file cell, as the text reports write
@@ -213,7 +214,8 @@
     map.appendChild(el);
     var name = isDir(i) || isFile(i) ? c.name[i] : 'other';
     // A directory is drawn with what it holds when the page carries a
-    // subdirectory of it; else its one cell "other" would only repeat it.
+    // subdirectory or a file of it; else its one cell "other" would only
+    // repeat it.
     var inner = canZoom(i) && level + 1 < LEVELS && r[2] > 4 * HEAD && r[3] > 3 * HEAD;
     if (inner) {
       label(el, [name + '  ' + c.size[i]]);
