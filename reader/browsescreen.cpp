@@ -264,6 +264,27 @@ void DrawEntry(const Browser& b, int row, const BrowseEntry& e, bool selected) {
     if (selected) attroff(A_REVERSE);
 }
 
+// Clears a box of height lines of text, width columns wide (less when the
+// screen is smaller), centred between the path line and the footer, and
+// draws its border. Returns the row of its first line of text; *shownWidth
+// is the box's width.
+int Panel(int height, int width, int* shownWidth) {
+    width = std::min(width, COLS - 2);
+    height = std::min(height + 2, LINES - 3);
+    int top = 2 + (LINES - 3 - height) / 2, left = (COLS - width) / 2;
+    for (int r = top; r < top + height; r++) mvhline(r, left, ' ', width);
+    mvhline(top, left + 1, ACS_HLINE, width - 2);
+    mvhline(top + height - 1, left + 1, ACS_HLINE, width - 2);
+    mvvline(top + 1, left, ACS_VLINE, height - 2);
+    mvvline(top + 1, left + width - 1, ACS_VLINE, height - 2);
+    mvaddch(top, left, ACS_ULCORNER);
+    mvaddch(top, left + width - 1, ACS_URCORNER);
+    mvaddch(top + height - 1, left, ACS_LLCORNER);
+    mvaddch(top + height - 1, left + width - 1, ACS_LRCORNER);
+    *shownWidth = width;
+    return top + 1;
+}
+
 void DrawInfo(const Browser& b) {
     if (b.entries.empty()) return;
     const BrowseEntry& e = b.entries[b.cursor];
@@ -293,41 +314,36 @@ void DrawInfo(const Browser& b) {
     lines.push_back({"Accessed", HeadingTime(fx.atime)});
     lines.push_back({"Changed", HeadingTime(fx.ctime)});
     if (S_ISLNK(fx.mode)) lines.push_back({"Target", e.target});
-    int width = std::min(COLS - 2, 100), height = static_cast<int>(lines.size()) + 3;
-    int top = std::max(1, (LINES - height) / 2), left = (COLS - width) / 2;
     // The path may take several lines; the rest are cut to the box.
-    int row = top;
-    auto blank = [&](int r) { mvhline(r, left, ' ', width); };
-    attron(A_BOLD);
-    blank(row++);
+    std::vector<std::pair<std::string, std::string>> shown;
+    int width = std::min(COLS - 2, 100), room = width - 14;
     for (const auto& [label, value] : lines) {
-        if (row >= LINES - 1) break;
-        blank(row);
-        mvaddnstr(row, left + 1, label.c_str(), 10);
-        int room = width - 13;
         if (label != "Path") {
-            Put(row++, left + 12, value, room);
+            shown.push_back({label, value});
             continue;
         }
         // Wrapped by pieces, so that no character is split.
-        std::string piece;
+        std::string part;
         size_t columns = 0;
         for (size_t at = 0; at < value.size();) {
             size_t start = at;
-            TermPiece p = NextTermPiece(value, &at);
-            if (columns + p.columns > static_cast<size_t>(room) && row < LINES - 2) {
-                Put(row++, left + 12, piece, room);
-                blank(row);
-                piece.clear();
+            TermPiece piece = NextTermPiece(value, &at);
+            if (columns + piece.columns > static_cast<size_t>(room)) {
+                shown.push_back({shown.empty() ? label : "", part});
+                part.clear();
                 columns = 0;
             }
-            piece.append(value, start, at - start);
-            columns += p.columns;
+            part.append(value, start, at - start);
+            columns += piece.columns;
         }
-        Put(row++, left + 12, piece, room);
+        shown.push_back({shown.empty() ? label : "", part});
     }
-    if (row < LINES - 1) blank(row);
-    attroff(A_BOLD);
+    int row = Panel(static_cast<int>(shown.size()), width, &width);
+    for (const auto& [label, value] : shown) {
+        if (row >= LINES - 2) break;
+        mvaddnstr(row, (COLS - width) / 2 + 2, label.c_str(), 10);
+        Put(row++, (COLS - width) / 2 + 12, value, room);
+    }
 }
 
 void DrawHelp() {
@@ -350,13 +366,9 @@ void DrawHelp() {
         "Marks: H hard link counted at an earlier name, ! directory not read",
         "by the scan, @ symbolic link.   Any key closes this help.",
     };
-    int height = static_cast<int>(sizeof lines / sizeof lines[0]);
-    int width = std::min(COLS - 2, 72);
-    int top = std::max(0, (LINES - height) / 2), left = std::max(0, (COLS - width) / 2);
-    for (int i = 0; i < height && top + i < LINES; i++) {
-        mvhline(top + i, left, ' ', width);
-        Put(top + i, left + 1, lines[i], width - 2);
-    }
+    int height = static_cast<int>(sizeof lines / sizeof lines[0]), width = 0;
+    int row = Panel(height, std::min(COLS - 2, 74), &width);
+    for (int i = 0; i < height && row < LINES - 2; i++) Put(row++, (COLS - width) / 2 + 2, lines[i], width - 4);
 }
 
 void Draw(Browser* b) {
