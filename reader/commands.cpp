@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <charconv>
 #include <cstdio>
@@ -303,7 +304,7 @@ int CommandMain(int argc, char** argv) {
     bool html = name == "html";  // the page shows every report
     r.dirs = (name == "top" && !a.largestFiles) || name == "age" || name == "diff" || html;
     if (a.largestFiles) r.largestFiles = a.print.rows;
-    if (html) r.fileShare = a.minShare;
+    if (html) r.fileShare = std::max(a.minShare, MIN_FILE_SHARE);
     r.owners = name == "owners" || html;
     r.ages = name == "age" || html;
     r.types = name == "types" || html;

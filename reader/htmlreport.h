@@ -23,6 +23,11 @@ struct HtmlOptions {
 
 /// The default of --min-share, in percent of the root's size.
 constexpr const char* DEFAULT_MIN_SHARE = "0.1";
+/// The least share of the root's size that a file needs to be a cell of its
+/// own, whatever --min-share says: at most 10,000 files, so that the page
+/// of a scan of millions of files stays small (at --min-share 0 every
+/// directory is carried, but not every file).
+constexpr double MIN_FILE_SHARE = 0.0001;
 
 /// One cell of the treemap.
 struct MapCell {
