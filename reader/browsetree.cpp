@@ -171,6 +171,7 @@ bool BrowseList(BrowseTree* t, uint32_t dir, std::vector<BrowseEntry>* entries, 
         Decode(p, &fx);
         if (fx.entryFlags == DTL_END_MARKER || !(fx.entryFlags & DTL_ENTRY)) break;
         size_t length = sizeof fx + fx.nameLength + fx.linkTargetLength;
+        if (pos + length > t->readEnd) break;  // the record the reading stopped in
         if (fx.nameLength == 0 || !(p = Fetch(&w, pos, length, error))) {
             if (fx.nameLength == 0) *error = "the detail file changed since it was read: a record without a name";
             return false;
