@@ -16,13 +16,13 @@
 
 /// One directory the walk entered (one header record) and what lies below it.
 struct BrowseDir {
-    std::string name;        ///< its name in its parent; "" for the root
-    uint32_t parent = 0;     ///< row of its parent; 0 (itself) for the root
-    uint64_t pos = 0;        ///< offset of its header record
-    uint64_t bytes = 0;      ///< every entry record below it, a hard-linked inode once
-    uint64_t apparent = 0;   ///< the same with every name of a hard-linked inode counted
-    uint64_t entries = 0;    ///< entry records below it, at any depth
-    uint32_t firstChild = 0; ///< its subdirectories' rows: BrowseTree::children[firstChild, + childCount)
+    std::string name;         ///< its name in its parent; "" for the root
+    uint32_t parent = 0;      ///< row of its parent; 0 (itself) for the root
+    uint64_t pos = 0;         ///< offset of its header record
+    uint64_t bytes = 0;       ///< every entry record below it, a hard-linked inode once
+    uint64_t apparent = 0;    ///< the same with every name of a hard-linked inode counted
+    uint64_t entries = 0;     ///< entry records below it, at any depth
+    uint32_t firstChild = 0;  ///< its subdirectories' rows: BrowseTree::children[firstChild, + childCount)
     uint32_t childCount = 0;
 };
 
@@ -32,11 +32,11 @@ struct BrowseTree {
     DtlLogHeader log{};
     DtlStrings strings;
     bool compressed = false;
-    bool unfinished = false;  ///< "IDTL": the scan did not complete
-    bool complete = false;    ///< every record was read and the whole file is sound
-    bool opened = false;      ///< the file could be opened (a fault then has an offset)
-    DtlFault fault;           ///< what ended the reading early
-    uint64_t readEnd = UINT64_MAX;  ///< records at or past this offset are not shown (a partial file's fault)
+    bool unfinished = false;          ///< "IDTL": the scan did not complete
+    bool complete = false;            ///< every record was read and the whole file is sound
+    bool opened = false;              ///< the file could be opened (a fault then has an offset)
+    DtlFault fault;                   ///< what ended the reading early
+    uint64_t readEnd = UINT64_MAX;    ///< records at or past this offset are not shown (a partial file's fault)
     std::vector<BrowseDir> dirs;      ///< in walk order: each after its parent
     std::vector<uint32_t> children;   ///< every directory's subdirectories, in walk order, one run each
     std::vector<uint64_t> uncounted;  ///< offsets of the records of an inode counted at an earlier name, ascending
@@ -48,12 +48,12 @@ struct BrowseEntry {
     std::string name;
     std::string target;  ///< a symbolic link's target
     DtlRecordFixed fixed{};
-    uint64_t pos = 0;      ///< offset of its record
-    bool counted = true;   ///< its size counts here: not a later name of a hard-linked inode
-    int64_t dir = -1;      ///< a directory the walk entered: its row in BrowseTree::dirs
-    uint64_t bytes = 0;    ///< a file: its size when counted, else 0; a directory: everything below it
-    uint64_t apparent = 0; ///< the same with every name counted
-    uint64_t entries = 0;  ///< a directory: entry records below it
+    uint64_t pos = 0;       ///< offset of its record
+    bool counted = true;    ///< its size counts here: not a later name of a hard-linked inode
+    int64_t dir = -1;       ///< a directory the walk entered: its row in BrowseTree::dirs
+    uint64_t bytes = 0;     ///< a file: its size when counted, else 0; a directory: everything below it
+    uint64_t apparent = 0;  ///< the same with every name counted
+    uint64_t entries = 0;   ///< a directory: entry records below it
 };
 
 /// Reads the detail file at path for browsing. False when it cannot be

@@ -52,8 +52,8 @@ void OnInterrupt(int signal) { interrupted = signal; }
 // A crash cannot run endwin: it writes the reset sequences and the saved
 // terminal modes back (both async-signal-safe) and dies of its signal.
 void OnCrash(int signal) {
-    if (resetLength && write(STDOUT_FILENO, resetText, resetLength) < 0) {
-    }
+    ssize_t written = write(STDOUT_FILENO, resetText, resetLength);
+    (void)written;  // nothing more can be done about a failed write here
     tcsetattr(STDIN_FILENO, TCSANOW, &savedTerminal);
     ::signal(signal, SIG_DFL);
     raise(signal);
@@ -247,10 +247,7 @@ void DrawEntry(const Browser& b, int row, const BrowseEntry& e, bool selected) {
     std::string bar(static_cast<size_t>(barWidth), ' ');
     size_t filled = static_cast<size_t>(share * barWidth + 0.5);
     std::fill(bar.begin(), bar.begin() + std::min<size_t>(filled, bar.size()), '#');
-    char mark = e.dir < 0 && S_ISDIR(e.fixed.mode) ? '!'
-                : !e.counted                       ? 'H'
-                : S_ISLNK(e.fixed.mode)            ? '@'
-                                                   : ' ';
+    char mark = e.dir < 0 && S_ISDIR(e.fixed.mode) ? '!' : !e.counted ? 'H' : S_ISLNK(e.fixed.mode) ? '@' : ' ';
     std::string count = S_ISDIR(e.fixed.mode) && e.dir >= 0 ? Number(e.entries) : "";
     char head[160];
     snprintf(head, sizeof head, "%10s %5.1f%% [%s] %9s %c ", HumanSize(size).c_str(), 100 * share, bar.c_str(),
@@ -308,7 +305,8 @@ void DrawInfo(const Browser& b) {
                                          Number(e.entries) + " entries"});
     else if (S_ISDIR(fx.mode))
         lines.push_back({"Below it", "not read by the scan"});
-    lines.push_back({"Links", std::to_string(fx.linkCount) + (e.counted ? "" : ", its size counted at an earlier name")});
+    lines.push_back(
+        {"Links", std::to_string(fx.linkCount) + (e.counted ? "" : ", its size counted at an earlier name")});
     lines.push_back({"Inode", std::to_string(fx.inode)});
     lines.push_back({"Modified", HeadingTime(fx.mtime)});
     lines.push_back({"Accessed", HeadingTime(fx.atime)});
@@ -487,8 +485,10 @@ bool Key(Browser* b, int kind, wint_t key) {
         switch (key) {
             case KEY_UP: key = 'k'; break;
             case KEY_DOWN: key = 'j'; break;
-            case KEY_RIGHT: case KEY_ENTER: key = 'l'; break;
-            case KEY_LEFT: case KEY_BACKSPACE: key = 'h'; break;
+            case KEY_RIGHT:
+            case KEY_ENTER: key = 'l'; break;
+            case KEY_LEFT:
+            case KEY_BACKSPACE: key = 'h'; break;
             case KEY_PPAGE: b->cursor = b->cursor > page ? b->cursor - page : 0; return true;
             case KEY_NPAGE: b->cursor = n ? std::min(n - 1, b->cursor + page) : 0; return true;
             case KEY_HOME: b->cursor = 0; return true;
@@ -501,8 +501,12 @@ bool Key(Browser* b, int kind, wint_t key) {
         key = 'h';
     }
     switch (key) {
-        case 'k': if (b->cursor > 0) b->cursor--; break;
-        case 'j': if (b->cursor + 1 < n) b->cursor++; break;
+        case 'k':
+            if (b->cursor > 0) b->cursor--;
+            break;
+        case 'j':
+            if (b->cursor + 1 < n) b->cursor++;
+            break;
         case 'l':
             if (n && b->entries[b->cursor].dir >= 0)
                 Open(b, static_cast<uint32_t>(b->entries[b->cursor].dir));
@@ -541,8 +545,9 @@ int Refuse(const BrowseTree& t) {
 
 int BrowseMain(const char* file, bool partial) {
     if (!isatty(STDIN_FILENO) || !isatty(STDOUT_FILENO)) {
-        fprintf(stderr, "dtldump: browse draws on a terminal, and standard %s is not one; the reports "
-                        "(dtldump top, owners, ...) write to pipes and files\n",
+        fprintf(stderr,
+                "dtldump: browse draws on a terminal, and standard %s is not one; the reports "
+                "(dtldump top, owners, ...) write to pipes and files\n",
                 isatty(STDIN_FILENO) ? "output" : "input");
         return 2;
     }

@@ -4,8 +4,8 @@
 #include <unistd.h>
 #include <zlib.h>
 
-#include <cerrno>
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 #include <vector>
 
@@ -188,8 +188,7 @@ void DtlInputClose(DtlInput* in) {
     }
 }
 
-bool DtlSeekOpen(DtlSeeker* seeker, const char* path, bool compressed, DtlCheckpoints checkpoints,
-                 std::string* error) {
+bool DtlSeekOpen(DtlSeeker* seeker, const char* path, bool compressed, DtlCheckpoints checkpoints, std::string* error) {
     seeker->fd = open(path, O_RDONLY | O_CLOEXEC);
     if (seeker->fd < 0) {
         *error = std::string("cannot open: ") + strerror(errno);
@@ -225,7 +224,8 @@ static bool Restart(DtlSeeker* s, uint64_t pos, std::string* error) {
     if (lseek(s->fd, from, SEEK_SET) != from) return *error = ReadError(), false;
     if (point.bits) {
         uint8_t byte;
-        if (ReadSome(s->fd, &byte, 1) != 1) return *error = Damaged("the file ends inside its compressed stream"), false;
+        if (ReadSome(s->fd, &byte, 1) != 1)
+            return *error = Damaged("the file ends inside its compressed stream"), false;
         inflatePrime(&f.z, point.bits, byte >> (8 - point.bits));
     }
     if (!point.window.empty()) inflateSetDictionary(&f.z, point.window.data(), static_cast<uInt>(point.window.size()));

@@ -21,9 +21,9 @@ struct DtlInflater;
 /// A place in a compressed stream where inflating can start afresh: the
 /// end of a deflate block, with the 32 KiB of plain bytes before it.
 struct DtlCheckpoint {
-    uint64_t plainPos = 0;       ///< offset in the plain bytes
-    uint64_t compressedPos = 0;  ///< offset in the file of the first byte not wholly consumed
-    int bits = 0;                ///< bits of the byte before compressedPos still to be read
+    uint64_t plainPos = 0;        ///< offset in the plain bytes
+    uint64_t compressedPos = 0;   ///< offset in the file of the first byte not wholly consumed
+    int bits = 0;                 ///< bits of the byte before compressedPos still to be read
     std::vector<uint8_t> window;  ///< the plain bytes before plainPos, at most 32 KiB
 };
 
@@ -73,8 +73,7 @@ struct DtlSeeker {
 /// Opens path for DtlSeekRead; a compressed file takes the checkpoints
 /// gathered when it was read. False with *error filled when it cannot be
 /// opened.
-bool DtlSeekOpen(DtlSeeker* seeker, const char* path, bool compressed, DtlCheckpoints checkpoints,
-                 std::string* error);
+bool DtlSeekOpen(DtlSeeker* seeker, const char* path, bool compressed, DtlCheckpoints checkpoints, std::string* error);
 
 /// Puts up to cap plain bytes from offset pos into buf. Returns how many (0
 /// at the end of the data), or -1 with *error filled.

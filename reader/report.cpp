@@ -127,8 +127,13 @@ void KeepFile(Gather* g, const DtlRecord& rec) {
     bool large = o.largestFiles && (largest.size() < o.largestFiles || bytes > largest.front().bytes);
     bool big = o.fileShare >= 0 && bytes > 0 && static_cast<double>(bytes) >= o.fileShare * g->bytesSoFar;
     if (!large && !big) return;
-    FileRow row{DtlJoinPath(rec.dirPath, rec.name), bytes, rec.pos, o.dirs ? g->open[rec.depth - 1] : 0,
-                rec.fixed.uid, rec.fixed.gid, rec.fixed.mtime};
+    FileRow row{DtlJoinPath(rec.dirPath, rec.name),
+                bytes,
+                rec.pos,
+                o.dirs ? g->open[rec.depth - 1] : 0,
+                rec.fixed.uid,
+                rec.fixed.gid,
+                rec.fixed.mtime};
     if (big) g->scan.bigFiles.push_back(row);
     if (!large) return;
     if (largest.size() == o.largestFiles) {

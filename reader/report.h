@@ -77,8 +77,8 @@ struct ExtensionRow {
 struct FileRow {
     std::string logical;  ///< logical path below the root: "/a/b"
     uint64_t bytes = 0;
-    uint64_t pos = 0;     ///< offset of its record: the walk's order
-    uint32_t dir = 0;     ///< its directory's row in ReportScan::dirs, when they are gathered
+    uint64_t pos = 0;  ///< offset of its record: the walk's order
+    uint32_t dir = 0;  ///< its directory's row in ReportScan::dirs, when they are gathered
     uint32_t uid = 0, gid = 0, mtime = 0;
 };
 

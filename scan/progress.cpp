@@ -2,8 +2,8 @@
 
 #include <cstdio>
 #include <cstring>
-#include <string_view>
 #include <ctime>
+#include <string_view>
 
 #include "config/roots.h"
 #include "log/log.h"
