@@ -21,6 +21,7 @@
 #include <vector>
 
 #include "reader/browse.h"
+#include "reader/dtldump.h"
 #include "reader/report.h"
 #include "reader/reportprint.h"
 #include "reader/textout.h"
@@ -532,15 +533,6 @@ bool Key(Browser* b, int kind, wint_t key) {
     return true;
 }
 
-int Refuse(const BrowseTree& t) {
-    if (!t.opened)
-        fprintf(stderr, "dtldump: %s: %s\n", t.path.c_str(), t.fault.message.c_str());
-    else
-        fprintf(stderr, "dtldump: %s: offset %llu: %s\n", t.path.c_str(),
-                static_cast<unsigned long long>(t.fault.offset), t.fault.message.c_str());
-    return 1;
-}
-
 }  // namespace
 
 int BrowseMain(const char* file, bool partial) {
@@ -554,7 +546,7 @@ int BrowseMain(const char* file, bool partial) {
     BrowseTree tree;
     if (!BrowseOpen(file, partial, &tree)) {
         BrowseClose(&tree);
-        return Refuse(tree);
+        return RefuseFile(tree.path, tree.opened, tree.fault);
     }
     setlocale(LC_ALL, "");
     utf8Terminal = strcmp(nl_langinfo(CODESET), "UTF-8") == 0;

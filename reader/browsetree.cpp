@@ -47,25 +47,6 @@ const uint8_t* Fetch(Window* w, uint64_t pos, size_t n, std::string* error) {
     return w->buf.data();
 }
 
-uint16_t Le16(const uint8_t* p) { return static_cast<uint16_t>(p[0] | p[1] << 8); }
-uint32_t Le32(const uint8_t* p) { return Le16(p) | static_cast<uint32_t>(Le16(p + 2)) << 16; }
-uint64_t Le64(const uint8_t* p) { return Le32(p) | static_cast<uint64_t>(Le32(p + 4)) << 32; }
-
-void Decode(const uint8_t* p, DtlRecordFixed* fx) {
-    fx->entryFlags = Le32(p);
-    fx->uid = Le32(p + 4);
-    fx->gid = Le32(p + 8);
-    fx->inode = Le32(p + 12);
-    fx->mode = Le32(p + 16);
-    fx->ctime = Le32(p + 20);
-    fx->atime = Le32(p + 24);
-    fx->mtime = Le32(p + 28);
-    fx->size = Le64(p + 32);
-    fx->linkCount = Le32(p + 40);
-    fx->nameLength = Le16(p + 44);
-    fx->linkTargetLength = Le16(p + 46);
-}
-
 // What the pass counted in each directory's own entries becomes what lies
 // below each: children follow their parents, so one backward sweep adds
 // them up. Then every directory's subdirectories are laid out in one run.
@@ -156,7 +137,7 @@ bool BrowseList(BrowseTree* t, uint32_t dir, std::vector<BrowseEntry>* entries, 
     DtlRecordFixed fx;
     const uint8_t* p = Fetch(&w, d.pos, sizeof fx, error);
     if (!p) return false;
-    Decode(p, &fx);
+    DtlDecodeFixed(p, &fx);
     if (fx.entryFlags != DTL_DIR_HEADER) {
         *error = "the detail file changed since it was read: no directory header record where there was one";
         return false;
@@ -168,7 +149,7 @@ bool BrowseList(BrowseTree* t, uint32_t dir, std::vector<BrowseEntry>* entries, 
     // header record or the end marker.
     while (pos < t->readEnd) {
         if (!(p = Fetch(&w, pos, sizeof fx, error))) return false;
-        Decode(p, &fx);
+        DtlDecodeFixed(p, &fx);
         if (fx.entryFlags == DTL_END_MARKER || !(fx.entryFlags & DTL_ENTRY)) break;
         size_t length = sizeof fx + fx.nameLength + fx.linkTargetLength;
         if (pos + length > t->readEnd) break;  // the record the reading stopped in

@@ -228,15 +228,9 @@ int ParseArgs(int argc, char** argv, Args* a) {
     return 0;
 }
 
-// Names why a file cannot be reported on, as the dump does.
 int Refuse(const ReportScan& s) {
     fflush(stdout);
-    if (!s.opened)
-        fprintf(stderr, "dtldump: %s: %s\n", s.path.c_str(), s.fault.message.c_str());
-    else
-        fprintf(stderr, "dtldump: %s: offset %llu: %s\n", s.path.c_str(),
-                static_cast<unsigned long long>(s.fault.offset), s.fault.message.c_str());
-    return 1;
+    return RefuseFile(s.path, s.opened, s.fault);
 }
 
 int Write(const std::string& text) {
@@ -282,6 +276,15 @@ int Export(const Args& a) {
 }
 
 }  // namespace
+
+int RefuseFile(const std::string& path, bool opened, const DtlFault& fault) {
+    if (!opened)
+        fprintf(stderr, "dtldump: %s: %s\n", path.c_str(), fault.message.c_str());
+    else
+        fprintf(stderr, "dtldump: %s: offset %llu: %s\n", path.c_str(), static_cast<unsigned long long>(fault.offset),
+                fault.message.c_str());
+    return 1;
+}
 
 bool IsCommand(const char* word) {
     for (const Command& c : COMMANDS)

@@ -34,6 +34,7 @@ struct DtlInflater {
     bool eof = false;        // the file has no more compressed bytes
     bool streamEnd = false;  // the deflate data is over and the trailer was checked
     uint64_t lastPoint = 0;  // plain offset of the last checkpoint taken
+    bool fromCheckpoint = false;  // started inside the stream: the trailer's sum cannot be checked
 };
 
 static std::string Damaged(const char* what) {
@@ -159,7 +160,7 @@ static ssize_t Inflate(DtlInput* in, uint8_t* buf, size_t cap, std::string* erro
     }
     size_t produced = cap - z.avail_out;
     f.adler = adler32(f.adler, buf, static_cast<uInt>(produced));
-    if (f.streamEnd && !CheckTrailer(in, error)) return -1;
+    if (f.streamEnd && !f.fromCheckpoint && !CheckTrailer(in, error)) return -1;
     return static_cast<ssize_t>(produced);
 }
 
@@ -188,21 +189,24 @@ void DtlInputClose(DtlInput* in) {
     }
 }
 
-bool DtlSeekOpen(DtlSeeker* seeker, const char* path, bool compressed, DtlCheckpoints checkpoints, std::string* error) {
-    seeker->fd = open(path, O_RDONLY | O_CLOEXEC);
-    if (seeker->fd < 0) {
+bool DtlSeekOpen(DtlSeeker* seeker, const char* path, bool compressed, DtlCheckpoints checkpoints,
+                 std::string* error) {
+    DtlInput& in = seeker->input;
+    in.fd = open(path, O_RDONLY | O_CLOEXEC);
+    if (in.fd < 0) {
         *error = std::string("cannot open: ") + strerror(errno);
         return false;
     }
-    seeker->compressed = compressed;
+    in.compressed = compressed;
     seeker->checkpoints = std::move(checkpoints);
     if (!compressed) return true;
     // The start of the raw deflate data, behind the zlib header.
     std::vector<DtlCheckpoint>& points = seeker->checkpoints.points;
     if (points.empty() || points[0].plainPos != 0) points.insert(points.begin(), DtlCheckpoint{0, 2, 0, {}});
-    seeker->inflater = new DtlInflater;
-    seeker->inflater->in.resize(INFLATE_INPUT_SIZE);
-    if (inflateInit2(&seeker->inflater->z, -MAX_WBITS) != Z_OK) {
+    in.inflater = new DtlInflater;
+    in.inflater->in.resize(INFLATE_INPUT_SIZE);
+    in.inflater->fromCheckpoint = true;
+    if (inflateInit2(&in.inflater->z, -MAX_WBITS) != Z_OK) {
         *error = Damaged("the inflater could not start");
         return false;
     }
@@ -211,21 +215,20 @@ bool DtlSeekOpen(DtlSeeker* seeker, const char* path, bool compressed, DtlCheckp
 }
 
 // Starts the inflater afresh at the last checkpoint at or before pos.
-static bool Restart(DtlSeeker* s, uint64_t pos, std::string* error) {
-    const std::vector<DtlCheckpoint>& points = s->checkpoints.points;
-    auto after = std::upper_bound(points.begin(), points.end(), pos,
-                                  [](uint64_t at, const DtlCheckpoint& p) { return at < p.plainPos; });
-    const DtlCheckpoint& point = *(after - 1);
-    DtlInflater& f = *s->inflater;
+static bool Restart(DtlSeeker* s, const DtlCheckpoint& point, std::string* error) {
+    DtlInput& in = s->input;
+    DtlInflater& f = *in.inflater;
     inflateReset(&f.z);
     f.z.avail_in = 0;
-    f.streamEnd = false;
+    f.eof = f.streamEnd = false;
     off_t from = static_cast<off_t>(point.compressedPos - (point.bits ? 1 : 0));
-    if (lseek(s->fd, from, SEEK_SET) != from) return *error = ReadError(), false;
+    if (lseek(in.fd, from, SEEK_SET) != from) return *error = ReadError(), false;
+    in.compressedRead = static_cast<uint64_t>(from);
     if (point.bits) {
         uint8_t byte;
-        if (ReadSome(s->fd, &byte, 1) != 1)
+        if (ReadSome(in.fd, &byte, 1) != 1)
             return *error = Damaged("the file ends inside its compressed stream"), false;
+        in.compressedRead++;
         inflatePrime(&f.z, point.bits, byte >> (8 - point.bits));
     }
     if (!point.window.empty()) inflateSetDictionary(&f.z, point.window.data(), static_cast<uInt>(point.window.size()));
@@ -233,65 +236,32 @@ static bool Restart(DtlSeeker* s, uint64_t pos, std::string* error) {
     return true;
 }
 
-// Inflates up to cap bytes into buf from where the inflater is.
-static ssize_t InflateOn(DtlSeeker* s, uint8_t* buf, size_t cap, std::string* error) {
-    DtlInflater& f = *s->inflater;
-    if (f.streamEnd) return 0;
-    z_stream& z = f.z;
-    z.next_out = buf;
-    z.avail_out = static_cast<uInt>(cap);
-    while (z.avail_out == cap) {
-        if (z.avail_in == 0) {
-            ssize_t got = ReadSome(s->fd, f.in.data(), f.in.size());
-            if (got < 0) return *error = ReadError(), -1;
-            if (got == 0) return *error = Damaged("the file ends inside its compressed stream"), -1;
-            z.next_in = f.in.data();
-            z.avail_in = static_cast<uInt>(got);
-        }
-        int status = inflate(&z, Z_NO_FLUSH);
-        if (status == Z_STREAM_END) {
-            f.streamEnd = true;
-            break;
-        }
-        if (status != Z_OK) return *error = Damaged(z.msg ? z.msg : "invalid deflate data"), -1;
-    }
-    size_t produced = cap - z.avail_out;
-    s->plainAt += produced;
-    return static_cast<ssize_t>(produced);
-}
-
 ssize_t DtlSeekRead(DtlSeeker* s, uint64_t pos, uint8_t* buf, size_t cap, std::string* error) {
     if (cap == 0) return 0;
-    if (!s->compressed) {
+    if (!s->input.compressed) {
         for (;;) {
-            ssize_t got = pread(s->fd, buf, cap, static_cast<off_t>(pos));
+            ssize_t got = pread(s->input.fd, buf, cap, static_cast<off_t>(pos));
             if (got >= 0 || errno != EINTR) {
                 if (got < 0) *error = ReadError();
                 return got;
             }
         }
     }
-    cap = std::min<size_t>(cap, 1u << 30);
     // Going on from where the last read ended beats a checkpoint behind it.
     const std::vector<DtlCheckpoint>& points = s->checkpoints.points;
     auto after = std::upper_bound(points.begin(), points.end(), pos,
                                   [](uint64_t at, const DtlCheckpoint& p) { return at < p.plainPos; });
     bool onward = s->plainAt <= pos && s->plainAt >= (after - 1)->plainPos;
-    if (!onward && !Restart(s, pos, error)) return -1;
+    if (!onward && !Restart(s, *(after - 1), error)) return -1;
     uint8_t skip[65536];
     while (s->plainAt < pos) {
-        ssize_t got = InflateOn(s, skip, std::min<uint64_t>(sizeof skip, pos - s->plainAt), error);
+        ssize_t got = DtlInputRead(&s->input, skip, std::min<uint64_t>(sizeof skip, pos - s->plainAt), error);
         if (got <= 0) return got;
+        s->plainAt += static_cast<uint64_t>(got);
     }
-    return InflateOn(s, buf, cap, error);
+    ssize_t got = DtlInputRead(&s->input, buf, cap, error);
+    if (got > 0) s->plainAt += static_cast<uint64_t>(got);
+    return got;
 }
 
-void DtlSeekClose(DtlSeeker* s) {
-    if (s->fd >= 0) close(s->fd);
-    s->fd = -1;
-    if (s->inflater) {
-        inflateEnd(&s->inflater->z);
-        delete s->inflater;
-        s->inflater = nullptr;
-    }
-}
+void DtlSeekClose(DtlSeeker* s) { DtlInputClose(&s->input); }

@@ -63,11 +63,9 @@ void DtlInputClose(DtlInput* input);
 /// compressed one, inflating from the nearest checkpoint at or before the
 /// offset (or on from where the last read ended, when that is nearer).
 struct DtlSeeker {
-    int fd = -1;
-    bool compressed = false;
+    DtlInput input;              ///< the file, and for a compressed one the inflater at plainAt
     DtlCheckpoints checkpoints;  ///< from the front-to-back reading; the stream's start is always one
-    DtlInflater* inflater = nullptr;
-    uint64_t plainAt = 0;  ///< plain offset the inflater has reached
+    uint64_t plainAt = 0;        ///< plain offset the inflater has reached
 };
 
 /// Opens path for DtlSeekRead; a compressed file takes the checkpoints

@@ -140,5 +140,8 @@ void DtlClose(DtlReader* reader);
 /// Reads and checks a whole file. True when it is sound; else fault is filled.
 bool DtlCheckFile(const char* path, DtlFault* fault);
 
+/// Decodes a record's 48-byte fixed part from the file's byte order.
+void DtlDecodeFixed(const uint8_t* p, DtlRecordFixed* fx);
+
 /// The logical path of an entry: dirPath joined with name ("/" + name in the root).
 std::string DtlJoinPath(std::string_view dirPath, std::string_view name);

@@ -31,6 +31,9 @@ import tempfile
 import time
 import unittest
 
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "support"))
+import names  # noqa: E402
+
 ARGS = None
 BASE_TIME = 1700000000
 
@@ -48,24 +51,9 @@ def human(n):
 
 
 def shown(name):
-    """A name (bytes) as the browser must show it: control characters,
-    backslashes and bytes that are not UTF-8 as escapes."""
-    out = []
-    for ch in name.decode("utf-8", "surrogateescape"):
-        o = ord(ch)
-        if ch == "\\":
-            out.append("\\\\")
-        elif ch == "\n":
-            out.append("\\n")
-        elif ch == "\t":
-            out.append("\\t")
-        elif 0xDC80 <= o <= 0xDCFF:
-            out.append("\\x%02x" % (o - 0xDC00))
-        elif o < 0x20 or 0x7F <= o < 0xA0:
-            out.extend("\\x%02x" % b for b in ch.encode())
-        else:
-            out.append(ch)
-    return "".join(out)
+    """A name (bytes) as the browser must show it: the text reports'
+    escapes, and C1 control characters escaped too."""
+    return names.escaped(name, c1=True)
 
 
 class Entry:

@@ -30,6 +30,7 @@ import unittest
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "support"))
 import chromium  # noqa: E402
+import names  # noqa: E402
 
 ARGS = None
 BROWSER = None  # the chromium binary
@@ -37,24 +38,8 @@ DAY = 86400
 
 
 def text_path(name):
-    """A name (bytes) as the text reports write it: stray bytes, backslashes
-    and control characters escaped."""
-    out = []
-    for ch in name.decode("utf-8", "surrogateescape"):
-        o = ord(ch)
-        if ch == "\\":
-            out.append("\\\\")
-        elif ch == "\n":
-            out.append("\\n")
-        elif ch == "\t":
-            out.append("\\t")
-        elif 0xDC80 <= o <= 0xDCFF:
-            out.append("\\x%02x" % (o - 0xDC00))
-        elif o < 0x20 or o == 0x7F:
-            out.append("\\x%02x" % o)
-        else:
-            out.append(ch)
-    return "".join(out)
+    """A name (bytes) as the text reports write it."""
+    return names.escaped(name)
 
 
 def walk(root):
