@@ -112,10 +112,11 @@ def main():
         print("| `--summary` | %.3f | 1.00 | %.1f |" % (med(s_times), med(s_mem)))
         print("| `browse`: root shown | %.3f | %.2f | %.1f |" % (med(b_times), med(b_times) / med(s_times), med(b_mem)))
         per_key = [med(r[i][1] for r in key_times) for i in range(len(KEYS))]
-        worst = max(max(k[1] for k in r) for r in key_times)
+        worst, worst_key = max((k[1], k[0]) for r in key_times for k in r)
         print("key answers (median of rounds, ms): " +
               ", ".join("%s %.1f" % (KEYS[i][0], 1000 * t) for i, t in enumerate(per_key)))
-        print("slowest key of any round: %.1f ms; median key: %.1f ms" % (1000 * worst, 1000 * med(per_key)))
+        print("slowest key of any round: %.1f ms (%s); median key: %.1f ms" % (1000 * worst, worst_key,
+                                                                            1000 * med(per_key)))
     print("uptime:", subprocess.run(["uptime"], capture_output=True, text=True).stdout.strip())
 
 
