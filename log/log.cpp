@@ -39,6 +39,7 @@ static void Unlock() {
 // waits behind it). statusShown is the number of columns on screen; the
 // signal handler reads it to erase the line before its message.
 constexpr size_t STATUS_MAX_COLUMNS = 1024;
+constexpr size_t STATUS_MAX_BYTES = 4 * STATUS_MAX_COLUMNS;
 static bool statusOpen = false;
 static bool logOnTerminal = false;  // the log shares the terminal: erase before log lines too
 static volatile sig_atomic_t statusShown = 0;
@@ -70,19 +71,22 @@ size_t StatusLineColumns() {
     return std::clamp<size_t>(columns - 1, 1, STATUS_MAX_COLUMNS);
 }
 
-void StatusLineDraw(const char* text, size_t length) {
+void StatusLineDraw(const char* text, size_t length, size_t columns) {
     if (!statusOpen) return;
-    length = std::min(length, STATUS_MAX_COLUMNS);
-    // One write: a carriage return, the text, and blanks over the rest of the previous line.
-    char line[1 + 2 * STATUS_MAX_COLUMNS];
+    length = std::min(length, STATUS_MAX_BYTES);
+    columns = std::min(columns, STATUS_MAX_COLUMNS);
+    // One write: a carriage return, the text, and blanks over the rest of the
+    // previous line. Blanks are counted in columns, not bytes: a line of wide
+    // or multi-byte characters blanked by its bytes would wrap.
+    char line[1 + STATUS_MAX_BYTES + STATUS_MAX_COLUMNS];
     line[0] = '\r';
     memcpy(line + 1, text, length);
     size_t shown = static_cast<size_t>(statusShown);
-    size_t blanks = shown > length ? shown - length : 0;
+    size_t blanks = shown > columns ? shown - columns : 0;
     memset(line + 1 + length, ' ', blanks);
     WriteFully(STDERR_FILENO, line, 1 + length + blanks);
     // Past the text there are only blanks now.
-    statusShown = static_cast<sig_atomic_t>(length);
+    statusShown = static_cast<sig_atomic_t>(columns);
 }
 
 void StatusLineErase() {

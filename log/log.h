@@ -128,9 +128,10 @@ void ReleaseInterrupts();
 bool StatusLineOpen();
 /// Columns the status line may use: the terminal's width less one, at least 1.
 size_t StatusLineColumns();
-/// Replaces the status line by text (length bytes, one terminal column each,
-/// no control characters). Nothing happens when the line is not open.
-void StatusLineDraw(const char* text, size_t length);
+/// Replaces the status line by text: length bytes (at most four per column)
+/// that take columns terminal columns, no control characters. Nothing
+/// happens when the line is not open.
+void StatusLineDraw(const char* text, size_t length, size_t columns);
 /// Clears the status line when one is shown. The log and error routines call
 /// it before they write; async-signal-safe.
 void StatusLineErase();

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <charconv>
 #include <cstdio>
@@ -11,6 +12,7 @@
 #include <string_view>
 #include <vector>
 
+#include "reader/browse.h"
 #include "reader/dtldump.h"
 #include "reader/export.h"
 #include "reader/htmlreport.h"
@@ -24,7 +26,8 @@ const char* const DTLDUMP_USAGE =
     "       dtldump diff [OPTIONS] OLD NEW         compare two scans of one root\n"
     "\n"
     "commands:\n"
-    "  top      the largest directories: -n N, --depth D, --by size|entries\n"
+    "  top      the largest directories: -n N, --depth D, --by size|entries;\n"
+    "           --files: the largest files instead\n"
     "  owners   entries, files, directories and bytes per user and group: -n N\n"
     "  age      files by age of modification and access, the coldest directories:\n"
     "           --buckets LIST (1m,6m,1y,3y), --cold AGE (1y), -n N, --depth D\n"
@@ -32,6 +35,7 @@ const char* const DTLDUMP_USAGE =
     "  export   every entry as CSV or NDJSON: --format csv|ndjson\n"
     "  diff     totals, the directories that grew, shrank, appeared or vanished:\n"
     "           -n N, --depth D, --by size|entries, --force (different roots)\n"
+    "  browse   a full-screen browser of the scan in the terminal (keys: ? in it)\n"
     "  html     one page to open in a browser: a zoomable treemap of the directories\n"
     "           and the tables of top, owners, age and types: -o FILE (standard output),\n"
     "           --min-share PERCENT (0.1), --colour top|age, -n N (50), --depth D,\n"
@@ -55,6 +59,7 @@ enum Option : unsigned {
     OPT_OUTPUT = 128,
     OPT_SHARE = 256,
     OPT_COLOUR = 512,
+    OPT_FILES = 1024,
 };
 
 struct Command {
@@ -64,19 +69,20 @@ struct Command {
 };
 
 const Command COMMANDS[] = {
-    {"top", OPT_ROWS | OPT_DEPTH | OPT_BY, 1},
+    {"top", OPT_ROWS | OPT_DEPTH | OPT_BY | OPT_FILES, 1},
     {"owners", OPT_ROWS, 1},
     {"age", OPT_ROWS | OPT_DEPTH | OPT_BUCKETS | OPT_COLD, 1},
     {"types", OPT_ROWS, 1},
     {"export", OPT_FORMAT, 1},
     {"diff", OPT_ROWS | OPT_DEPTH | OPT_BY | OPT_FORCE, 2},
+    {"browse", 0, 1},
     {"html", OPT_ROWS | OPT_DEPTH | OPT_BUCKETS | OPT_COLD | OPT_OUTPUT | OPT_SHARE | OPT_COLOUR, 1},
 };
 
 struct Args {
     const Command* command = nullptr;
     std::vector<const char*> files;
-    bool partial = false, force = false, help = false;
+    bool partial = false, force = false, help = false, largestFiles = false;
     ExportFormat format = EXPORT_CSV;
     PrintOptions print;
     ReportOptions report;
@@ -140,6 +146,7 @@ int ParseArgs(int argc, char** argv, Args* a) {
             {"--force", OPT_FORCE, false},   {"-o", OPT_OUTPUT, true},
             {"--output", OPT_OUTPUT, true},  {"--min-share", OPT_SHARE, true},
             {"--colour", OPT_COLOUR, true},  {"--color", OPT_COLOUR, true},
+            {"--files", OPT_FILES, false},
         };
         const Known* k = nullptr;
         for (const Known& x : known)
@@ -162,6 +169,8 @@ int ParseArgs(int argc, char** argv, Args* a) {
             a->help = true;
         } else if (name == "--force") {
             a->force = true;
+        } else if (name == "--files") {
+            a->largestFiles = true;
         } else if (name == "-n" || name == "--depth") {
             if (!ParseCount(value, &count)) return Usage("'%s' is not a count", value.c_str());
             if (name == "-n") {
@@ -194,7 +203,9 @@ int ParseArgs(int argc, char** argv, Args* a) {
         }
     }
     if (a->help) return 0;
-    if (a->print.json && a->command->options & OPT_OUTPUT)
+    if (a->largestFiles && (a->print.depth >= 0 || a->print.byEntries))
+        return Usage("%s does not apply to top --files", a->print.depth >= 0 ? "--depth" : "--by");
+    if (a->print.json && (a->command->options & OPT_OUTPUT || !a->command->options))
         return Usage(("option '%s' does not apply to " + std::string(a->command->name)).c_str(), "--json");
     if (a->files.size() != a->command->files)
         return Usage(a->command->files == 1 ? "%s takes one detail file" : "%s takes two detail files: OLD NEW",
@@ -217,15 +228,9 @@ int ParseArgs(int argc, char** argv, Args* a) {
     return 0;
 }
 
-// Names why a file cannot be reported on, as the dump does.
 int Refuse(const ReportScan& s) {
     fflush(stdout);
-    if (!s.opened)
-        fprintf(stderr, "dtldump: %s: %s\n", s.path.c_str(), s.fault.message.c_str());
-    else
-        fprintf(stderr, "dtldump: %s: offset %llu: %s\n", s.path.c_str(),
-                static_cast<unsigned long long>(s.fault.offset), s.fault.message.c_str());
-    return 1;
+    return RefuseFile(s.path, s.opened, s.fault);
 }
 
 int Write(const std::string& text) {
@@ -272,6 +277,15 @@ int Export(const Args& a) {
 
 }  // namespace
 
+int RefuseFile(const std::string& path, bool opened, const DtlFault& fault) {
+    if (!opened)
+        fprintf(stderr, "dtldump: %s: %s\n", path.c_str(), fault.message.c_str());
+    else
+        fprintf(stderr, "dtldump: %s: offset %llu: %s\n", path.c_str(), static_cast<unsigned long long>(fault.offset),
+                fault.message.c_str());
+    return 1;
+}
+
 bool IsCommand(const char* word) {
     for (const Command& c : COMMANDS)
         if (strcmp(c.name, word) == 0) return true;
@@ -287,10 +301,13 @@ int CommandMain(int argc, char** argv) {
     }
     std::string name = a.command->name;
     if (name == "export") return Export(a);
+    if (name == "browse") return BrowseMain(a.files[0], a.partial);
     ReportOptions& r = a.report;
     r.partial = a.partial;
     bool html = name == "html";  // the page shows every report
-    r.dirs = name == "top" || name == "age" || name == "diff" || html;
+    r.dirs = (name == "top" && !a.largestFiles) || name == "age" || name == "diff" || html;
+    if (a.largestFiles) r.largestFiles = a.print.rows;
+    if (html) r.fileShare = std::max(a.minShare, MIN_FILE_SHARE);
     r.owners = name == "owners" || html;
     r.ages = name == "age" || html;
     r.types = name == "types" || html;
@@ -298,7 +315,9 @@ int CommandMain(int argc, char** argv) {
     for (size_t i = 0; i < a.files.size(); i++)
         if (!ReadReport(a.files[i], r, &scans[i])) return Refuse(scans[i]);
     std::string out;
-    if (name == "top") {
+    if (name == "top" && a.largestFiles) {
+        PrintTopFiles(&out, scans[0], a.print);
+    } else if (name == "top") {
         PrintTop(&out, scans[0], a.print);
     } else if (name == "owners") {
         PrintOwners(&out, scans[0], a.print);

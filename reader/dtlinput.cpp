@@ -4,6 +4,7 @@
 #include <unistd.h>
 #include <zlib.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <vector>
@@ -32,6 +33,8 @@ struct DtlInflater {
     uLong adler = 0;
     bool eof = false;        // the file has no more compressed bytes
     bool streamEnd = false;  // the deflate data is over and the trailer was checked
+    uint64_t lastPoint = 0;  // plain offset of the last checkpoint taken
+    bool fromCheckpoint = false;  // started inside the stream: the trailer's sum cannot be checked
 };
 
 static std::string Damaged(const char* what) {
@@ -100,6 +103,22 @@ static bool CheckTrailer(DtlInput* in, std::string* error) {
     return true;
 }
 
+// At the end of a deflate block (bit 128 of data_type, and not the last
+// block, bit 64) far enough from the last checkpoint: one more.
+static void TakeCheckpoint(DtlInput* in) {
+    DtlInflater& f = *in->inflater;
+    z_stream& z = f.z;
+    if (!(z.data_type & 128) || (z.data_type & 64) || z.total_out - f.lastPoint < in->checkpoints->spacing) return;
+    DtlCheckpoint& point = in->checkpoints->points.emplace_back();
+    point.plainPos = f.lastPoint = z.total_out;
+    point.compressedPos = 2 + z.total_in;  // the zlib header's two bytes come first
+    point.bits = z.data_type & 7;
+    point.window.resize(32768);
+    uInt length = 0;
+    inflateGetDictionary(&z, point.window.data(), &length);
+    point.window.resize(length);
+}
+
 // Runs once per buffer refill: one inflate call per compressed input chunk
 // or output buffer, no allocation.
 static ssize_t Inflate(DtlInput* in, uint8_t* buf, size_t cap, std::string* error) {
@@ -117,7 +136,10 @@ static ssize_t Inflate(DtlInput* in, uint8_t* buf, size_t cap, std::string* erro
             z.avail_in = static_cast<uInt>(got);
             in->compressedRead += static_cast<uint64_t>(got);
         }
-        int status = inflate(&z, Z_NO_FLUSH);
+        // Gathering checkpoints, inflate stops at each block's end, where
+        // one may be taken.
+        int status = inflate(&z, in->checkpoints ? Z_BLOCK : Z_NO_FLUSH);
+        if (status == Z_OK && in->checkpoints) TakeCheckpoint(in);
         if (status == Z_STREAM_END) {
             f.streamEnd = true;
             break;
@@ -138,7 +160,7 @@ static ssize_t Inflate(DtlInput* in, uint8_t* buf, size_t cap, std::string* erro
     }
     size_t produced = cap - z.avail_out;
     f.adler = adler32(f.adler, buf, static_cast<uInt>(produced));
-    if (f.streamEnd && !CheckTrailer(in, error)) return -1;
+    if (f.streamEnd && !f.fromCheckpoint && !CheckTrailer(in, error)) return -1;
     return static_cast<ssize_t>(produced);
 }
 
@@ -166,3 +188,80 @@ void DtlInputClose(DtlInput* in) {
         in->inflater = nullptr;
     }
 }
+
+bool DtlSeekOpen(DtlSeeker* seeker, const char* path, bool compressed, DtlCheckpoints checkpoints,
+                 std::string* error) {
+    DtlInput& in = seeker->input;
+    in.fd = open(path, O_RDONLY | O_CLOEXEC);
+    if (in.fd < 0) {
+        *error = std::string("cannot open: ") + strerror(errno);
+        return false;
+    }
+    in.compressed = compressed;
+    seeker->checkpoints = std::move(checkpoints);
+    if (!compressed) return true;
+    // The start of the raw deflate data, behind the zlib header.
+    std::vector<DtlCheckpoint>& points = seeker->checkpoints.points;
+    if (points.empty() || points[0].plainPos != 0) points.insert(points.begin(), DtlCheckpoint{0, 2, 0, {}});
+    in.inflater = new DtlInflater;
+    in.inflater->in.resize(INFLATE_INPUT_SIZE);
+    in.inflater->fromCheckpoint = true;
+    if (inflateInit2(&in.inflater->z, -MAX_WBITS) != Z_OK) {
+        *error = Damaged("the inflater could not start");
+        return false;
+    }
+    seeker->plainAt = UINT64_MAX;  // nowhere yet
+    return true;
+}
+
+// Starts the inflater afresh at the last checkpoint at or before pos.
+static bool Restart(DtlSeeker* s, const DtlCheckpoint& point, std::string* error) {
+    DtlInput& in = s->input;
+    DtlInflater& f = *in.inflater;
+    inflateReset(&f.z);
+    f.z.avail_in = 0;
+    f.eof = f.streamEnd = false;
+    off_t from = static_cast<off_t>(point.compressedPos - (point.bits ? 1 : 0));
+    if (lseek(in.fd, from, SEEK_SET) != from) return *error = ReadError(), false;
+    in.compressedRead = static_cast<uint64_t>(from);
+    if (point.bits) {
+        uint8_t byte;
+        if (ReadSome(in.fd, &byte, 1) != 1)
+            return *error = Damaged("the file ends inside its compressed stream"), false;
+        in.compressedRead++;
+        inflatePrime(&f.z, point.bits, byte >> (8 - point.bits));
+    }
+    if (!point.window.empty()) inflateSetDictionary(&f.z, point.window.data(), static_cast<uInt>(point.window.size()));
+    s->plainAt = point.plainPos;
+    return true;
+}
+
+ssize_t DtlSeekRead(DtlSeeker* s, uint64_t pos, uint8_t* buf, size_t cap, std::string* error) {
+    if (cap == 0) return 0;
+    if (!s->input.compressed) {
+        for (;;) {
+            ssize_t got = pread(s->input.fd, buf, cap, static_cast<off_t>(pos));
+            if (got >= 0 || errno != EINTR) {
+                if (got < 0) *error = ReadError();
+                return got;
+            }
+        }
+    }
+    // Going on from where the last read ended beats a checkpoint behind it.
+    const std::vector<DtlCheckpoint>& points = s->checkpoints.points;
+    auto after = std::upper_bound(points.begin(), points.end(), pos,
+                                  [](uint64_t at, const DtlCheckpoint& p) { return at < p.plainPos; });
+    bool onward = s->plainAt <= pos && s->plainAt >= (after - 1)->plainPos;
+    if (!onward && !Restart(s, *(after - 1), error)) return -1;
+    uint8_t skip[65536];
+    while (s->plainAt < pos) {
+        ssize_t got = DtlInputRead(&s->input, skip, std::min<uint64_t>(sizeof skip, pos - s->plainAt), error);
+        if (got <= 0) return got;
+        s->plainAt += static_cast<uint64_t>(got);
+    }
+    ssize_t got = DtlInputRead(&s->input, buf, cap, error);
+    if (got > 0) s->plainAt += static_cast<uint64_t>(got);
+    return got;
+}
+
+void DtlSeekClose(DtlSeeker* s) { DtlInputClose(&s->input); }

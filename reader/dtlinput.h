@@ -14,8 +14,26 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <vector>
 
 struct DtlInflater;
+
+/// A place in a compressed stream where inflating can start afresh: the
+/// end of a deflate block, with the 32 KiB of plain bytes before it.
+struct DtlCheckpoint {
+    uint64_t plainPos = 0;        ///< offset in the plain bytes
+    uint64_t compressedPos = 0;   ///< offset in the file of the first byte not wholly consumed
+    int bits = 0;                 ///< bits of the byte before compressedPos still to be read
+    std::vector<uint8_t> window;  ///< the plain bytes before plainPos, at most 32 KiB
+};
+
+/// Checkpoints gathered while a compressed file is read from front to back,
+/// at least spacing plain bytes apart, so that it can be read again at any
+/// offset by inflating at most about spacing bytes (DtlSeekRead).
+struct DtlCheckpoints {
+    uint64_t spacing = 4 << 20;
+    std::vector<DtlCheckpoint> points;  ///< by plainPos
+};
 
 /// An open input. Plain data; DtlInputOpen fills it.
 struct DtlInput {
@@ -25,6 +43,7 @@ struct DtlInput {
     size_t pendingLen = 0;
     uint64_t compressedRead = 0;      ///< bytes of the compressed file read so far
     DtlInflater* inflater = nullptr;  ///< the stream and its input buffer; only when compressed
+    DtlCheckpoints* checkpoints = nullptr;  ///< set before the first read to gather them
 };
 
 /// Opens path and tells a compressed file from a plain one by its first two
@@ -39,3 +58,24 @@ ssize_t DtlInputRead(DtlInput* input, uint8_t* buf, size_t cap, std::string* err
 
 /// Closes the file and frees the inflater.
 void DtlInputClose(DtlInput* input);
+
+/// Reads a detail file at any offset: pread on a plain file; on a
+/// compressed one, inflating from the nearest checkpoint at or before the
+/// offset (or on from where the last read ended, when that is nearer).
+struct DtlSeeker {
+    DtlInput input;              ///< the file, and for a compressed one the inflater at plainAt
+    DtlCheckpoints checkpoints;  ///< from the front-to-back reading; the stream's start is always one
+    uint64_t plainAt = 0;        ///< plain offset the inflater has reached
+};
+
+/// Opens path for DtlSeekRead; a compressed file takes the checkpoints
+/// gathered when it was read. False with *error filled when it cannot be
+/// opened.
+bool DtlSeekOpen(DtlSeeker* seeker, const char* path, bool compressed, DtlCheckpoints checkpoints, std::string* error);
+
+/// Puts up to cap plain bytes from offset pos into buf. Returns how many (0
+/// at the end of the data), or -1 with *error filled.
+ssize_t DtlSeekRead(DtlSeeker* seeker, uint64_t pos, uint8_t* buf, size_t cap, std::string* error);
+
+/// Closes the file and frees the inflater.
+void DtlSeekClose(DtlSeeker* seeker);

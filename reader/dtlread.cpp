@@ -371,6 +371,7 @@ bool DtlOpen(DtlReader* r, const char* path, const DtlOpenOptions& options) {
     r->fd = s.input.fd;
     r->wasCompressed = s.input.compressed;
     if (!opened) return Fail(r, 0, "%s", error.c_str());
+    if (s.input.compressed) s.input.checkpoints = options.checkpoints;
     size_t got = Need(r, DTL_STRINGS_POS);
     if (r->failed) return false;
     const uint8_t* p = Here(s);
@@ -598,7 +599,7 @@ static bool CheckEnd(DtlReader* r, uint64_t pos, const uint8_t* p) {
     return true;
 }
 
-static void DecodeFixed(const uint8_t* p, DtlRecordFixed* fx) {
+void DtlDecodeFixed(const uint8_t* p, DtlRecordFixed* fx) {
     fx->entryFlags = Get32(p);
     fx->uid = Get32(p + 4);
     fx->gid = Get32(p + 8);
@@ -632,7 +633,7 @@ static DtlStep NextRecord(DtlReader* r) {
     rec.name = rec.target = {};
     rec.counted = false;
     DtlRecordFixed& fx = rec.fixed;
-    DecodeFixed(Here(s), &fx);
+    DtlDecodeFixed(Here(s), &fx);
     if (fx.entryFlags == DTL_END_MARKER) {
         rec.kind = DTL_REC_END_MARKER;
         rec.dirPath = {};

@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "detail/format.h"
+#include "reader/dtlinput.h"
 
 /// The first fault found in a file.
 struct DtlFault {
@@ -92,6 +93,9 @@ struct DtlOpenOptions {
     bool acceptUnfinished = false;
     /// Keep the names DtlNameAt needs when the file is compressed.
     bool nameLinks = true;
+    /// When the file is compressed, gather into this the checkpoints that
+    /// DtlSeekRead (reader/dtlinput.h) needs to read it again out of turn.
+    DtlCheckpoints* checkpoints = nullptr;
 };
 
 /// A detail file being read. Plain data; DtlOpen fills it, DtlNext advances it.
@@ -135,6 +139,9 @@ void DtlClose(DtlReader* reader);
 
 /// Reads and checks a whole file. True when it is sound; else fault is filled.
 bool DtlCheckFile(const char* path, DtlFault* fault);
+
+/// Decodes a record's 48-byte fixed part from the file's byte order.
+void DtlDecodeFixed(const uint8_t* p, DtlRecordFixed* fx);
 
 /// The logical path of an entry: dirPath joined with name ("/" + name in the root).
 std::string DtlJoinPath(std::string_view dirPath, std::string_view name);

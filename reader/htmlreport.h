@@ -17,12 +17,17 @@
 /// How the page is made.
 struct HtmlOptions {
     PrintOptions print;        ///< rows and depth of the tables, the cold age's name
-    double minShare = 0.001;   ///< --min-share: directories below this share of the root's size are folded
+    double minShare = 0.001;   ///< --min-share: directories and files below this share of the root's size are folded
     bool colourByAge = false;  ///< the treemap opens coloured by age of last modification
 };
 
 /// The default of --min-share, in percent of the root's size.
 constexpr const char* DEFAULT_MIN_SHARE = "0.1";
+/// The least share of the root's size that a file needs to be a cell of its
+/// own, whatever --min-share says: at most 10,000 files, so that the page
+/// of a scan of millions of files stays small (at --min-share 0 every
+/// directory is carried, but not every file).
+constexpr double MIN_FILE_SHARE = 0.0001;
 
 /// One cell of the treemap.
 struct MapCell {
@@ -32,10 +37,12 @@ struct MapCell {
     uint32_t folded = 0;  ///< other: the subdirectories folded into it
     Tally tally;          ///< what lies in it (a directory: everything below it)
     uint32_t newest = 0;  ///< the latest modification time in it; 0: none
+    int32_t file = -1;    ///< a file of its own: its row in scan.bigFiles (row is its directory's)
 };
 
 /// The cells of the treemap: the root, then in walk order every directory
-/// whose size is above zero and at least minShare of the root's, then for
+/// whose size is above zero and at least minShare of the root's, then every
+/// file of scan.bigFiles that is too (read with fileShare at minShare), then for
 /// each of those, when anything is left in it, one "other" cell with what its
 /// carried subdirectories leave: so the cells in a directory add up to it
 /// exactly, and a page holds at most (depth of the tree) / minShare

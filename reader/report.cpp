@@ -108,7 +108,41 @@ struct Gather {
     Tally* lastUser = nullptr;
     Tally* lastGroup = nullptr;
     ExtensionTable extensions;
+    uint64_t bytesSoFar = 0;  // what the files counted so far add up to, for fileShare
 };
+
+// The largest files are kept in a heap whose top is the smallest kept (the
+// latest in walk order among equals), so that a file needs one comparison
+// to be passed over.
+bool SmallerFile(const FileRow& a, const FileRow& b) { return a.bytes != b.bytes ? a.bytes > b.bytes : a.pos < b.pos; }
+
+// Keeps a file that may be among the largest or at least fileShare of the
+// total. A file below fileShare of the bytes counted so far is below it of
+// the final total too; those kept that the total outgrew go in Finish.
+// Runs once per counted file: a comparison or two, no allocation.
+void KeepFile(Gather* g, const DtlRecord& rec) {
+    const ReportOptions& o = g->options;
+    uint64_t bytes = rec.fixed.size;
+    std::vector<FileRow>& largest = g->scan.largest;
+    bool large = o.largestFiles && (largest.size() < o.largestFiles || bytes > largest.front().bytes);
+    bool big = o.fileShare >= 0 && bytes > 0 && static_cast<double>(bytes) >= o.fileShare * g->bytesSoFar;
+    if (!large && !big) return;
+    FileRow row{DtlJoinPath(rec.dirPath, rec.name),
+                bytes,
+                rec.pos,
+                o.dirs ? g->open[rec.depth - 1] : 0,
+                rec.fixed.uid,
+                rec.fixed.gid,
+                rec.fixed.mtime};
+    if (big) g->scan.bigFiles.push_back(row);
+    if (!large) return;
+    if (largest.size() == o.largestFiles) {
+        std::pop_heap(largest.begin(), largest.end(), SmallerFile);
+        largest.pop_back();
+    }
+    largest.push_back(std::move(row));
+    std::push_heap(largest.begin(), largest.end(), SmallerFile);
+}
 
 void Add(Tally* t, bool file, uint64_t bytes) {
     t->entries++;
@@ -161,6 +195,10 @@ void CountEntry(Gather* g, const DtlRecord& rec) {
             row.coldFiles++;  // its own until FinishDirs adds its subdirectories'
             row.coldBytes += bytes;
         }
+    }
+    if (o.largestFiles || o.fileShare >= 0) {
+        g->bytesSoFar += bytes;
+        if (!dir && rec.counted) KeepFile(g, rec);
     }
     if (o.owners) {
         Add(IdTally(&g->users, fx.uid, &g->lastUid, &g->lastUser), !dir, bytes);
@@ -223,6 +261,9 @@ void FinishDirs(std::vector<DirRow>* dirs) {
 
 void Finish(Gather* g) {
     ReportScan& s = g->scan;
+    std::sort_heap(s.largest.begin(), s.largest.end(), SmallerFile);
+    double bound = g->options.fileShare * static_cast<double>(g->bytesSoFar);
+    std::erase_if(s.bigFiles, [&](const FileRow& f) { return static_cast<double>(f.bytes) < bound; });
     if (g->options.dirs) FinishDirs(&s.dirs);
     if (g->options.owners) {
         s.users = OwnerRows(g->users, true, g->options.ownerNames);
@@ -288,7 +329,7 @@ bool ReadReport(const char* path, const ReportOptions& options, ReportScan* scan
     std::string error;
     if (o.ageBounds.empty()) ParseAgeList(DEFAULT_AGE_LIST, &o.ageBounds, &o.ageNames, &error);
     if (o.ages) StartAges(o, &s.ages);
-    Gather g{o, s, r.log.runTime, {}, {}, {}, 0, 0, nullptr, nullptr, {}};
+    Gather g{o, s, r.log.runTime, {}, {}, {}, 0, 0, nullptr, nullptr, {}, 0};
     // The header's count, when it has one, saves growing the table: the
     // walk enters at most that many directories. A damaged file may claim
     // any number, so a million is all it gets in advance.

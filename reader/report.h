@@ -73,6 +73,15 @@ struct ExtensionRow {
     Tally tally;
 };
 
+/// One file (an entry record that is not a directory) whose size counts.
+struct FileRow {
+    std::string logical;  ///< logical path below the root: "/a/b"
+    uint64_t bytes = 0;
+    uint64_t pos = 0;  ///< offset of its record: the walk's order
+    uint32_t dir = 0;  ///< its directory's row in ReportScan::dirs, when they are gathered
+    uint32_t uid = 0, gid = 0, mtime = 0;
+};
+
 /// Which figures to gather, and how.
 struct ReportOptions {
     bool dirs = false;    ///< ReportScan::dirs
@@ -90,6 +99,10 @@ struct ReportOptions {
     /// many seconds before the scan started.
     int64_t coldAge = 31557600;
     bool ownerNames = true;  ///< look up names of users and groups
+    size_t largestFiles = 0;  ///< ReportScan::largest: this many of the largest files
+    /// ReportScan::bigFiles: the files of at least this share (0 to 1) of
+    /// the root's size; below 0 none.
+    double fileShare = -1;
 };
 
 /// A detail file's figures.
@@ -109,6 +122,8 @@ struct ReportScan {
     std::vector<AgeRow> ages;
     std::array<Tally, KIND_COUNT> kinds{};
     std::vector<ExtensionRow> extensions;  ///< largest bytes first
+    std::vector<FileRow> largest;          ///< the largest files, largest first (walk order among equals)
+    std::vector<FileRow> bigFiles;         ///< the files of at least fileShare of the root's size, in walk order
 };
 
 /// Reads the detail file at path and gathers what options ask for. False

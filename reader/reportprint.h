@@ -20,6 +20,9 @@ struct PrintOptions {
 /// top: the largest directories by recursive size or entry count.
 void PrintTop(std::string* out, const ReportScan& scan, const PrintOptions& options);
 
+/// top --files: the largest files (fileprint.cpp).
+void PrintTopFiles(std::string* out, const ReportScan& scan, const PrintOptions& options);
+
 /// owners: per user and per group.
 void PrintOwners(std::string* out, const ReportScan& scan, const PrintOptions& options);
 
@@ -58,6 +61,7 @@ void AppendTable(std::string* out, const TextTable& table);
 
 /// The tables of the reports, as the text reports show them.
 TextTable TopTable(const ReportScan& scan, const PrintOptions& options);
+TextTable FilesTable(const ReportScan& scan);
 TextTable OwnerTable(const std::vector<OwnerRow>& rows, const PrintOptions& options, bool users);
 TextTable AgeTable(const ReportScan& scan);
 /// The directories holding the most cold bytes; no rows when none holds any.

@@ -5,6 +5,8 @@
 # reader/dtldump.cpp, stays out.
 set(FERROVAN_READER_SOURCES
   reader/ageprint.cpp
+  reader/browsescreen.cpp
+  reader/browsetree.cpp
   reader/commands.cpp
   reader/diff.cpp
   reader/diffprint.cpp
@@ -13,6 +15,7 @@ set(FERROVAN_READER_SOURCES
   reader/dtlread.cpp
   reader/dump.cpp
   reader/export.cpp
+  reader/fileprint.cpp
   reader/htmlpage.cpp
   reader/report.cpp
   reader/reportprint.cpp

@@ -6,20 +6,11 @@
 #include <cstdio>
 #include <cstring>
 
+#include "support/termwidth.h"
+
 size_t Utf8Length(const unsigned char* p, size_t n) {
-    unsigned char c = p[0];
-    size_t len = c < 0x80                 ? 1
-                 : c >= 0xC2 && c <= 0xDF ? 2
-                 : c >= 0xE0 && c <= 0xEF ? 3
-                 : c >= 0xF0 && c <= 0xF4 ? 4
-                                          : 0;
-    if (len == 0 || len > n) return 0;
-    for (size_t i = 1; i < len; i++)
-        if ((p[i] & 0xC0) != 0x80) return 0;
-    // No overlong forms, surrogates or values past U+10FFFF.
-    if (len == 3 && ((c == 0xE0 && p[1] < 0xA0) || (c == 0xED && p[1] > 0x9F))) return 0;
-    if (len == 4 && ((c == 0xF0 && p[1] < 0x90) || (c == 0xF4 && p[1] > 0x8F))) return 0;
-    return len;
+    uint32_t cp;
+    return p[0] < 0x80 ? 1 : DecodeUtf8(p, n, &cp);
 }
 
 bool IsUtf8(std::string_view text) {

@@ -23,9 +23,21 @@ std::vector<MapCell> MapCells(const ReportScan& s, double minShare) {
         cell.tally = dirs[i].total;
         cell.newest = dirs[i].newest;
     }
-    // What each carried directory holds beside its carried subdirectories:
+    // Files as large as a carried directory are cells of their own; their
+    // directories are at least as large, so carried.
+    const size_t carried = cells.size();
+    for (size_t f = 0; f < s.bigFiles.size(); f++) {
+        const FileRow& file = s.bigFiles[f];
+        if (file.bytes == 0 || static_cast<double>(file.bytes) < bound || cellOf[file.dir] < 0) continue;
+        MapCell& cell = cells.emplace_back();
+        cell.row = file.dir;
+        cell.parent = cellOf[file.dir];
+        cell.file = static_cast<int32_t>(f);
+        cell.tally = {1, 1, file.bytes};
+        cell.newest = file.mtime;
+    }
+    // What each carried directory holds beside its carried subdirectories and files:
     // its own entries, and the subdirectories folded with all below them.
-    size_t carried = cells.size();
     std::vector<MapCell> rest(carried);
     for (size_t c = 0; c < carried; c++) {
         const DirRow& d = dirs[cells[c].row];
@@ -47,6 +59,13 @@ std::vector<MapCell> MapCells(const ReportScan& s, double minShare) {
             r.folded++;
             r.newest = std::max(r.newest, dirs[i].newest);
         }
+    }
+    for (const MapCell& c : cells) {
+        if (c.file < 0) continue;
+        Tally& r = rest[static_cast<size_t>(c.parent)].tally;
+        r.entries--;
+        r.files--;
+        r.bytes -= c.tally.bytes;
     }
     for (const MapCell& r : rest)
         if (r.tally.entries) cells.push_back(r);
@@ -83,7 +102,12 @@ std::string MapJson(const ReportScan& s, const std::vector<MapCell>& cells, cons
     };
     column("name", [&](const MapCell& c) {
         text.clear();
-        if (!c.other && c.parent >= 0) AppendEscaped(&text, s.dirs[c.row].name, false);
+        if (c.file >= 0) {
+            std::string_view logical = s.bigFiles[c.file].logical;
+            AppendEscaped(&text, logical.substr(logical.rfind('/') + 1), false);
+        } else if (!c.other && c.parent >= 0) {
+            AppendEscaped(&text, s.dirs[c.row].name, false);
+        }
         AppendJsonString(&json, text);
     });
     column("parent", [&](const MapCell& c) { AppendFormat(&json, "%d", c.parent); });
@@ -96,6 +120,7 @@ std::string MapJson(const ReportScan& s, const std::vector<MapCell>& cells, cons
         AppendFormat(&json, "%d", c.newest ? static_cast<int>(AgeRowOf(s.ages, s.log.runTime, c.newest)) : -1);
     });
     column("newest", [&](const MapCell& c) { number(c.newest); });
+    column("file", [&](const MapCell& c) { json += c.file >= 0 ? '1' : '0'; });
     json += "}}";
     return json;
 }

@@ -3,11 +3,13 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <string_view>
 
 #include "config/roots.h"
 #include "log/log.h"
 #include "scan/walk.h"
 #include "support/numfmt.h"
+#include "support/termwidth.h"
 
 uint32_t progressCountdown = 0;
 
@@ -40,20 +42,8 @@ static void FormatBytes(uint64_t bytes, char (&out)[32]) {
     snprintf(out, sizeof out, "%.2f%s", value, units[unit]);
 }
 
-// Length of the UTF-8 sequence at p (2 to 4 bytes), or 0 when it is not one.
-static size_t Utf8Sequence(const unsigned char* p) {
-    size_t length = 0;
-    if (p[0] >= 0xC2 && p[0] <= 0xDF) length = 2;
-    if (p[0] >= 0xE0 && p[0] <= 0xEF) length = 3;
-    if (p[0] >= 0xF0 && p[0] <= 0xF4) length = 4;
-    // A terminator or any other byte ends the check before it reads past it.
-    for (size_t i = 1; i < length; i++) {
-        if ((p[i] & 0xC0) != 0x80) return 0;
-    }
-    return length;
-}
-
-size_t FormatProgressLine(const ProgressFigures& figures, const char* dirPath, size_t columns, char* out) {
+size_t FormatProgressLine(const ProgressFigures& figures, const char* dirPath, size_t columns, char* out,
+                          size_t* shownColumns) {
     if (columns > PROGRESS_LINE_MAX) columns = PROGRESS_LINE_MAX;
     char entries[NUM_BUF_SIZE], dirs[NUM_BUF_SIZE], rate[NUM_BUF_SIZE], bytes[32];
     ValueStr(static_cast<int64_t>(figures.entries), entries, ',');
@@ -68,55 +58,56 @@ size_t FormatProgressLine(const ProgressFigures& figures, const char* dirPath, s
     size_t used = headLength > 0 ? static_cast<size_t>(headLength) : 0;
     if (used >= columns) {
         memcpy(out, head, columns);
+        *shownColumns = columns;
         return columns;
     }
     memcpy(out, head, used);
 
-    // The path as it will show: each character's bytes and its columns.
-    static char shown[4 * ACCESS_PATH_SIZE];
-    static uint16_t starts[ACCESS_PATH_SIZE + 1];
-    static uint8_t widths[ACCESS_PATH_SIZE];
-    size_t count = 0, length = 0, width = 0;
-    const auto* p = reinterpret_cast<const unsigned char*>(dirPath);
-    while (*p && count < ACCESS_PATH_SIZE) {
-        starts[count] = static_cast<uint16_t>(length);
-        size_t sequence = *p >= 0x80 ? Utf8Sequence(p) : 0;
-        if (sequence) {
-            memcpy(shown + length, p, sequence);
-            length += sequence;
-            p += sequence;
-            widths[count] = 2;
-        } else {
-            shown[length++] = *p < 0x20 || *p >= 0x7F ? '?' : static_cast<char>(*p);
-            p++;
-            widths[count] = 1;
-        }
-        width += widths[count++];
+    // The path cut into the pieces a terminal shows (wide characters take
+    // two columns, combining marks none, stray bytes and control characters
+    // their escapes), and the end of it that fits kept: the end tells where
+    // the walk is, its start is the root. The figures are ASCII, so bytes
+    // and columns are the same up to here.
+    static TermPiece pieces[ACCESS_PATH_SIZE];
+    size_t count = 0, width = 0;
+    std::string_view path(dirPath);
+    for (size_t at = 0; at < path.size() && count < ACCESS_PATH_SIZE;) {
+        pieces[count] = NextTermPiece(path, &at);
+        width += pieces[count++].columns;
     }
-    starts[count] = static_cast<uint16_t>(length);
-
     size_t room = columns - used;
     size_t first = 0;
     if (width > room) {
-        // The end of the path tells where the walk is; its start is the root.
         const char dots[] = "...";
         size_t dotsWidth = sizeof dots - 1 < room ? sizeof dots - 1 : room;
         memcpy(out + used, dots, dotsWidth);
         used += dotsWidth;
         room -= dotsWidth;
+        width = 0;
         first = count;
-        for (size_t tail = 0; first > 0 && tail + widths[first - 1] <= room; first--) tail += widths[first - 1];
+        while (first > 0 && width + pieces[first - 1].columns <= room) width += pieces[--first].columns;
+        // A combining mark never starts the line: it would join the dots.
+        while (first < count && pieces[first].columns == 0) first++;
     }
-    memcpy(out + used, shown + starts[first], length - starts[first]);
-    return used + length - starts[first];
+    // At most four bytes per column in all: a run of marks that take no
+    // column stops there.
+    size_t length = used, limit = 4 * columns;
+    for (size_t i = first; i < count && length + pieces[i].length <= limit; i++) {
+        memcpy(out + length, pieces[i].text, pieces[i].length);
+        length += pieces[i].length;
+        used += pieces[i].columns;
+    }
+    *shownColumns = used;
+    return length;
 }
 
 static void Draw(const char* dirPath, const timespec& now) {
     ProgressFigures figures{progressRoot->fileCount + uint64_t{progressRoot->dirCount}, progressRoot->dirCount,
                             progressRoot->totalFileSize, static_cast<double>(NanosBetween(walkStart, now)) / 1e9};
-    char line[PROGRESS_LINE_MAX];
-    size_t length = FormatProgressLine(figures, dirPath, StatusLineColumns(), line);
-    StatusLineDraw(line, length);
+    char line[4 * PROGRESS_LINE_MAX];
+    size_t columns = 0;
+    size_t length = FormatProgressLine(figures, dirPath, StatusLineColumns(), line, &columns);
+    StatusLineDraw(line, length, columns);
     lastDrawn = now;
 }
 

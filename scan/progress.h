@@ -43,9 +43,12 @@ inline void ProgressTick(const char* dirPath) {
     if (progressCountdown != 0 && --progressCountdown == 0) ProgressRefresh(dirPath);
 }
 
-/// Writes the line for figures and dirPath into out (at least columns bytes),
-/// cut to columns terminal columns: the figures first, then as much of the
-/// end of the path as fits, "..." in front of a cut one. Control characters
-/// and bytes that are not UTF-8 show as '?'; other non-ASCII characters are
-/// counted two columns wide, the most any takes. Returns the length in bytes.
-size_t FormatProgressLine(const ProgressFigures& figures, const char* dirPath, size_t columns, char* out);
+/// Writes the line for figures and dirPath into out (at least 4 * columns
+/// bytes), cut to columns terminal columns: the figures first, then as much
+/// of the end of the path as fits, "..." in front of a cut one. The path is
+/// measured in display columns (wide characters two, combining marks none);
+/// control characters, backslashes and bytes that are not UTF-8 show as
+/// escapes ("\n", "\\", "\xff"). Returns the length in bytes and sets
+/// *shownColumns to the columns the line takes.
+size_t FormatProgressLine(const ProgressFigures& figures, const char* dirPath, size_t columns, char* out,
+                          size_t* shownColumns);

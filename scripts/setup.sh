@@ -15,7 +15,9 @@ if [ "${1:-}" = --browser ]; then
 fi
 
 # dpkg-dev (dpkg-shlibdeps) and file let cpack find the Debian package's dependencies.
-packages=(g++ cmake ninja-build libgtest-dev libgmock-dev zlib1g-dev libdeflate-dev python3 dpkg-dev file "$@")
+# libncurses-dev draws dtldump's browser; tmux runs it in the browser's tests.
+packages=(g++ cmake ninja-build libgtest-dev libgmock-dev zlib1g-dev libdeflate-dev libncurses-dev tmux python3
+  dpkg-dev file "$@")
 
 missing() {
   for p in "$@"; do

@@ -1,9 +1,10 @@
 // The treemap and the sortable tables of dtldump's HTML report.
 //
 // The program hands the figures over in the element #data (JSON): the
-// directories of the scan down to the page's bound, and for each of them one
-// cell "other" holding the rest (its own entries and the subdirectories too
-// small to carry), every figure as the text reports count it. This script
+// directories of the scan down to the page's bound, the files as large as
+// that each as a cell of its own, and for each directory one cell "other"
+// holding the rest (its smaller entries and the subdirectories too small to
+// carry), every figure as the text reports count it. This script
 // computes no figure: it lays the cells out, colours them and sorts the
 // tables the program wrote. Names reach the page only as text (textContent,
 // title), never as markup.
@@ -11,7 +12,7 @@
   'use strict';
 
   var data = JSON.parse(document.getElementById('data').textContent);
-  var c = data.cells;  // columns: name, parent, bytes, size, entries, files, folded, age, newest
+  var c = data.cells;  // columns: name, parent, bytes, size, entries, files, folded, age, newest, file
   var count = c.name.length;
   var map = document.getElementById('map');
   var info = document.getElementById('info');
@@ -33,16 +34,19 @@
     k.sort(function (a, b) { return c.bytes[b] - c.bytes[a] || a - b; });
   });
 
-  function isDir(i) { return c.folded[i] < 0; }
+  function isFile(i) { return c.file[i] === 1; }
+  function isDir(i) { return c.folded[i] < 0 && !isFile(i); }
 
-  // A directory can be zoomed into when the page carries a subdirectory of it.
+  // A directory can be zoomed into when the page carries a subdirectory or
+  // a file of it.
   function canZoom(i) {
-    return isDir(i) && kids[i].some(isDir);
+    return isDir(i) && kids[i].some(function (k) { return isDir(k) || isFile(k); });
   }
 
-  // The real path of a directory cell, as the text reports write it; an
-  // "other" cell has its directory's.
+  // The real path of a directory or file cell, as the text reports write
+  // it; an "other" cell has its directory's.
   function path(i) {
+    if (isFile(i)) return path(c.parent[i]).replace(/\/$/, '') + '/' + c.name[i];
     if (!isDir(i)) i = c.parent[i];
     var names = [];
     for (var j = i; j > 0; j = c.parent[j]) names.push(c.name[j]);
@@ -57,7 +61,7 @@
   // What a cell holds, in lines: for the title (hover) and the info line.
   function describe(i) {
     var lines = [];
-    if (isDir(i)) {
+    if (isDir(i) || isFile(i)) {
       lines.push(path(i));
     } else {
       lines.push('other in ' + path(i) + ': its own entries' +
@@ -65,8 +69,10 @@
     }
     lines.push(c.size[i] + ' (' + c.bytes[i] + ' bytes)');
     var dirs = c.entries[i] - c.files[i];
-    lines.push(plural(c.entries[i], 'entry', 'entries') + ': ' + plural(c.files[i], 'file', 'files') + ', ' +
-               plural(dirs, 'directory', 'directories'));
+    if (!isFile(i)) {
+      lines.push(plural(c.entries[i], 'entry', 'entries') + ': ' + plural(c.files[i], 'file', 'files') + ', ' +
+                 plural(dirs, 'directory', 'directories'));
+    }
     if (c.newest[i]) {
       lines.push('last modified ' + new Date(c.newest[i] * 1000).toISOString().slice(0, 10) + ' (' +
                  data.ages[c.age[i]] + ' before the scan)');
@@ -152,6 +158,7 @@
     if (top < 0) return NO_AGE;
     var hue = Math.round((top * 137.508 + 205) % 360);
     var light = Math.min(60 + level * 8, 88);
+    if (isFile(i)) return 'hsl(' + hue + ', 40%, ' + Math.max(light, 70) + '%)';
     return isDir(i) ? 'hsl(' + hue + ', 55%, ' + light + '%)' : 'hsl(' + hue + ', 22%, ' + Math.max(light, 78) + '%)';
   }
 
@@ -196,7 +203,7 @@
   function drawCell(i, r, level, top) {
     if (r[2] < 0.5 || r[3] < 0.5) return;  // too small to see
     var el = document.createElement('div');
-    el.className = 'cell' + (isDir(i) ? '' : ' other') + (canZoom(i) ? ' zoom' : '');
+    el.className = 'cell' + (isFile(i) ? ' file' : isDir(i) ? '' : ' other') + (canZoom(i) ? ' zoom' : '');
     el.style.left = r[0] + 'px';
     el.style.top = r[1] + 'px';
     el.style.width = r[2] + 'px';
@@ -205,9 +212,10 @@
     el.dataset.cell = i;
     el.title = describe(i).join('\n');
     map.appendChild(el);
-    var name = isDir(i) ? c.name[i] : 'other';
+    var name = isDir(i) || isFile(i) ? c.name[i] : 'other';
     // A directory is drawn with what it holds when the page carries a
-    // subdirectory of it; else its one cell "other" would only repeat it.
+    // subdirectory or a file of it; else its one cell "other" would only
+    // repeat it.
     var inner = canZoom(i) && level + 1 < LEVELS && r[2] > 4 * HEAD && r[3] > 3 * HEAD;
     if (inner) {
       label(el, [name + '  ' + c.size[i]]);
@@ -222,7 +230,7 @@
     if (!shown.length || w <= 0 || h <= 0) return;
     var rects = squarify(shown.map(function (k) { return c.bytes[k]; }), x, y, w, h);
     var hue = 0;  // the shown directory's subdirectories take a colour each, in order of size
-    shown.forEach(function (k, n) { drawCell(k, rects[n], level, level > 0 ? top : isDir(k) ? hue++ : -1); });
+    shown.forEach(function (k, n) { drawCell(k, rects[n], level, level > 0 ? top : isDir(k) || isFile(k) ? hue++ : -1); });
   }
 
   function drawCrumbs() {

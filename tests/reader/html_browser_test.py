@@ -30,6 +30,7 @@ import unittest
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "support"))
 import chromium  # noqa: E402
+import names  # noqa: E402
 
 ARGS = None
 BROWSER = None  # the chromium binary
@@ -37,24 +38,8 @@ DAY = 86400
 
 
 def text_path(name):
-    """A name (bytes) as the text reports write it: stray bytes, backslashes
-    and control characters escaped."""
-    out = []
-    for ch in name.decode("utf-8", "surrogateescape"):
-        o = ord(ch)
-        if ch == "\\":
-            out.append("\\\\")
-        elif ch == "\n":
-            out.append("\\n")
-        elif ch == "\t":
-            out.append("\\t")
-        elif 0xDC80 <= o <= 0xDCFF:
-            out.append("\\x%02x" % (o - 0xDC00))
-        elif o < 0x20 or o == 0x7F:
-            out.append("\\x%02x" % o)
-        else:
-            out.append(ch)
-    return "".join(out)
+    """A name (bytes) as the text reports write it."""
+    return names.escaped(name)
 
 
 def walk(root):
@@ -84,6 +69,21 @@ def walk(root):
                     break
                 at = at[: at.rfind(b"/")]
     return dirs
+
+
+def counted_files(root):
+    """Every file below root (real path, str) with its size, each
+    hard-linked inode at its first name in the walk's order."""
+    files, seen = {}, set()
+    for top, subdirs, names in os.walk(root):
+        for name in names:
+            path = os.path.join(top, name)
+            st = os.lstat(path)
+            inode = st.st_ino & 0xFFFFFFFF
+            if st.st_nlink < 2 or inode not in seen:
+                files[os.path.realpath(os.path.dirname(path)).decode() + "/" + name.decode()] = st.st_size
+            seen.add(inode)
+    return files
 
 
 def make(path, size=0, mtime=None):
@@ -129,6 +129,7 @@ class Page:
         return self.js(
             "[...document.querySelectorAll('#map .cell')].map(e => { const r = e.getBoundingClientRect();"
             " return {i: +e.dataset.cell, path: e.title.split('\\n')[0], other: e.classList.contains('other'),"
+            " file: e.classList.contains('file'),"
             " x: r.left, y: r.top, w: r.width, h: r.height, colour: getComputedStyle(e).backgroundColor}; })")
 
     def click_on(self, selector_js):
@@ -149,17 +150,22 @@ class Page:
 
 def cell_paths(data):
     """The page's cells as the test names them: a directory's real path,
-    or "other in" and its directory's."""
+    "file" and a file's, or "other in" and its directory's."""
     c = data["cells"]
-    paths = []
-    for i in range(len(c["name"])):
-        j = i if c["folded"][i] < 0 else c["parent"][i]
+
+    def dir_path(j):
         names = []
         while j > 0:
             names.append(c["name"][j])
             j = c["parent"][j]
-        path = data["rootPath"] + "".join("/" + n for n in reversed(names))
-        paths.append(path if c["folded"][i] < 0 else "other in " + path)
+        return data["rootPath"] + "".join("/" + n for n in reversed(names))
+
+    paths = []
+    for i in range(len(c["name"])):
+        if c["file"][i]:
+            paths.append("file " + dir_path(c["parent"][i]) + "/" + c["name"][i])
+        else:
+            paths.append(dir_path(i) if c["folded"][i] < 0 else "other in " + dir_path(c["parent"][i]))
     return paths
 
 
@@ -186,6 +192,7 @@ class TreemapInTheBrowser(unittest.TestCase):
             os.utime(os.path.join(r, d), (old, old))
         cls.page = scan_and_render(cls.root.decode(), cls.tmp)
         cls.dirs = walk(cls.root)
+        cls.files = counted_files(cls.root)
         cls.browser = chromium.Browser(BROWSER, 1280, 900)
         cls.p = Page(cls.browser, cls.page)
         cls.rootText = os.path.realpath(cls.root).decode()
@@ -202,11 +209,15 @@ class TreemapInTheBrowser(unittest.TestCase):
     def bytes_of(self, path):
         """The test's own bytes for a cell named as cell_paths names it."""
         carried = set(cell_paths(self.p.data()))
+        if path.startswith("file "):
+            return self.files[path[5:]]
         if not path.startswith("other in "):
             return self.dirs[self.logical(path)][2]
         d = self.logical(path[len("other in "):])
         kids = [k for k in self.dirs if k.startswith(d + b"/") and b"/" not in k[len(d) + 1:]]
-        return self.dirs[d][2] - sum(self.dirs[k][2] for k in kids if self.real(k) in carried)
+        files = [f for f in self.files if os.path.dirname(f) == path[len("other in "):]]
+        return (self.dirs[d][2] - sum(self.dirs[k][2] for k in kids if self.real(k) in carried)
+                - sum(self.files[f] for f in files if "file " + f in carried))
 
     def logical(self, path):
         return path[len(self.rootText):].encode()
@@ -219,13 +230,17 @@ class TreemapInTheBrowser(unittest.TestCase):
         root_bytes = self.dirs[b""][2]
         expected = {self.real(d) for d, f in self.dirs.items() if not d or (f[2] and f[2] >= 0.001 * root_bytes)}
         paths = cell_paths(data)
-        self.assertEqual({p for p in paths if not p.startswith("other")}, expected)
+        self.assertEqual({p for p in paths if not p.startswith(("other", "file "))}, expected)
         self.assertNotIn(self.real(b"/many/7"), paths)  # folded
+        # Files as large each a cell of their own, the hard-linked one at one name.
+        self.assertEqual({p[5:] for p in paths if p.startswith("file ")},
+                         {f for f, size in self.files.items() if size >= 0.001 * root_bytes})
+        self.assertIn("file " + self.real(b"/top.dat"), paths)
         c = data["cells"]
         for i, path in enumerate(paths):
             with self.subTest(path=path):
                 self.assertEqual(c["bytes"][i], self.bytes_of(path))
-                if not path.startswith("other"):
+                if not path.startswith(("other", "file ")):
                     f = self.dirs[self.logical(path)]
                     self.assertEqual([c["entries"][i], c["files"][i]], f[:2])
         self.assertEqual(c["folded"][paths.index("other in " + self.real(b"/many"))], 40)
@@ -374,8 +389,12 @@ class HostileNames(unittest.TestCase):
         self.assertEqual(self.p.js("document.title"), "Scan of %s on %s" % (self.rootText, os.uname().nodename))
         expected = {self.rootText + "/" + text_path(n) for n in self.NAMES}
         expected.add(self.rootText + "/" + text_path(self.NAMES[0]) + "/script>")
-        drawn = {c["path"] for c in self.p.cells() if not c["other"]}
+        drawn = {c["path"] for c in self.p.cells() if not c["other"] and not c["file"]}
         self.assertEqual(drawn, expected)
+        # The files, each a cell of its own, named as text too.
+        files = {c["path"] for c in self.p.cells() if c["file"]}
+        self.assertIn(self.rootText + "/" + text_path(self.NAMES[0]) + "/x.<b>", files)
+        self.assertIn(self.rootText + "/" + text_path(self.NAMES[5]) + "/f", files)
         shown = set(self.p.js("[...document.querySelector('#top table').tBodies[0].rows].map(r => r.cells[5].textContent)"))
         self.assertEqual(shown - {self.rootText}, expected)
         self.assertIn(".<b>", self.p.js("document.getElementById('types').textContent"))

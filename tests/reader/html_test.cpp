@@ -67,8 +67,9 @@ ReportScan HandScan(const std::vector<Dir>& tree) {
 
 TEST(HtmlReport, CarriesDirectoriesDownToTheBoundAndFoldsTheRest) {
     // Sizes: / 10000, /a 6000, /a/a1 4000, /a/a2 1000, /b 3000, /b/b1 5,
-    // /c 890, /d 10, /e 0 (one empty file).
-    const ReportScan scan = HandScan({{"/", 3, 1, 100, 50},
+    // /c 890, /d 10, /e 0 (one empty file). Two files are large enough to
+    // be cells of their own at some bounds: /a/f (600) and /b/x (2000).
+    ReportScan scan = HandScan({{"/", 3, 1, 100, 50},
                                       {"/a", 3, 1, 1000, 10},
                                       {"/a/a1", 1, 1, 4000, 900},
                                       {"/a/a2", 1, 1, 1000, 20},
@@ -78,6 +79,7 @@ TEST(HtmlReport, CarriesDirectoriesDownToTheBoundAndFoldsTheRest) {
                                       {"/d", 1, 1, 10, 800},
                                       {"/e", 1, 1, 0, 600}});
     ASSERT_EQ(scan.dirs[0].total.bytes, 10000u);
+    scan.bigFiles = {{"/a/f", 600, 0, 1, 0, 0, 0}, {"/b/x", 2000, 0, 4, 0, 0, 0}};
     struct Case {
         double share;
         std::vector<std::string> cells;  // "path bytes" or "other path bytes folded newest"
@@ -85,13 +87,14 @@ TEST(HtmlReport, CarriesDirectoriesDownToTheBoundAndFoldsTheRest) {
         {1.0, {"/ 10000", "other / 10000 5 900"}},
         // At the bound exactly (/a/a2: 1000 of 10000) a directory is carried.
         {0.1,
-         {"/ 10000", "/a 6000", "/a/a1 4000", "/a/a2 1000", "/b 3000", "other / 1000 3 800", "other /a 1000 0 10",
-          "other /a/a1 4000 0 900", "other /a/a2 1000 0 20", "other /b 3000 1 700"}},
+         {"/ 10000", "/a 6000", "/a/a1 4000", "/a/a2 1000", "/b 3000", "file /b/x 2000", "other / 1000 3 800",
+          "other /a 1000 0 10", "other /a/a1 4000 0 900", "other /a/a2 1000 0 20", "other /b 1000 1 700"}},
         // No bound: every directory but the empty one, each with its own entries.
         {0.0,
          {"/ 10000", "/a 6000", "/a/a1 4000", "/a/a2 1000", "/b 3000", "/b/b1 5", "/c 890", "/d 10",
-          "other / 100 1 600", "other /a 1000 0 10", "other /a/a1 4000 0 900", "other /a/a2 1000 0 20",
-          "other /b 2995 0 30", "other /b/b1 5 0 700", "other /c 890 0 40", "other /d 10 0 800"}},
+          "file /a/f 600", "file /b/x 2000", "other / 100 1 600", "other /a 400 0 10", "other /a/a1 4000 0 900",
+          "other /a/a2 1000 0 20", "other /b 995 0 30", "other /b/b1 5 0 700", "other /c 890 0 40",
+          "other /d 10 0 800"}},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.share);
@@ -103,11 +106,14 @@ TEST(HtmlReport, CarriesDirectoriesDownToTheBoundAndFoldsTheRest) {
         for (size_t i = 0; i < cells.size(); i++) {
             const MapCell& m = cells[i];
             std::string path = DirPath(scan.dirs, m.row);
-            got.push_back(m.other ? Cat("other ", path, " ", std::to_string(m.tally.bytes), " ",
-                                        std::to_string(m.folded), " ", std::to_string(m.newest))
-                                  : Cat(path, " ", std::to_string(m.tally.bytes)));
+            if (m.file >= 0)
+                got.push_back(Cat("file ", scan.bigFiles[m.file].logical, " ", std::to_string(m.tally.bytes)));
+            else
+                got.push_back(m.other ? Cat("other ", path, " ", std::to_string(m.tally.bytes), " ",
+                                            std::to_string(m.folded), " ", std::to_string(m.newest))
+                                      : Cat(path, " ", std::to_string(m.tally.bytes)));
             ASSERT_TRUE(m.parent < static_cast<int32_t>(i) && (m.parent < 0 || !cells[m.parent].other));
-            if (!m.other) {
+            if (!m.other && m.file < 0) {
                 EXPECT_EQ(m.newest, scan.dirs[m.row].newest) << path;
             }
         }

@@ -6,6 +6,9 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <wchar.h>
+
+#include <clocale>
 
 #include <algorithm>
 #include <chrono>
@@ -29,18 +32,22 @@ TEST(ProgressLine, ShowsTheFiguresAndTheEndOfThePathWithinTheColumns) {
     } cases[] = {
         {big, "/usr/share", head.size() + 10, head + "/usr/share"},      // just fits
         {big, "/usr/share/doc", head.size() + 10, head + "...are/doc"},  // the end of the path is kept
-        {big, "/a\nb\x7f\xff", 200, head + "/a?b??"},                    // control and stray bytes
-        {big, "/d/\xc3\xa9\xc3\xa9\xc3\xa9", head.size() + 7, head + "...\xc3\xa9\xc3\xa9"},  // two columns each
-        {big, "/d/\xc3\xa9\xc3\xa9\xc3\xa9", head.size() + 6, head + "...\xc3\xa9"},          // never half of one
+        {big, "/a\nb\x7f\xff\\", 200, head + "/a\\nb\\x7f\\xff\\\\"},  // control and stray bytes, escaped
+        {big, "/d/\xc3\xa9\xc3\xa9\xc3\xa9", head.size() + 5, head + "...\xc3\xa9\xc3\xa9"},  // one column each
+        {big, "/d/\xe4\xb8\xad\xe4\xb8\xad", head.size() + 7, head + "/d/\xe4\xb8\xad\xe4\xb8\xad"},  // wide: two each
+        {big, "/d/\xe4\xb8\xad\xe4\xb8\xad", head.size() + 6, head + "...\xe4\xb8\xad"},  // never half of one
+        {big, "/xyde\xcc\x81\xcc\x81" "f", head.size() + 5, head + "...e\xcc\x81\xcc\x81" "f"},  // marks take none
         {big, "/usr", 20, head.substr(0, 20)},  // too narrow even for the figures
         {{500, 2, 999, 0.5}, "/r", 80, "500 entries  2 dirs  999 bytes  1,000/s  00:00:00  /r"},
         {{1, 1, 999999, 10805}, "/r", 80, "1 entries  1 dirs  1.00mb  0/s  03:00:05  /r"},  // 999.999kb rounds up a unit
         {{1, 1, 1000, 1}, "/r", 80, "1 entries  1 dirs  1.00kb  1/s  00:00:01  /r"},
     };
     for (const Case& c : cases) {
-        char out[2048];
-        size_t length = FormatProgressLine(c.figures, c.path, c.columns, out);
+        char out[4 * 2048];
+        size_t columns = 0;
+        size_t length = FormatProgressLine(c.figures, c.path, c.columns, out, &columns);
         EXPECT_EQ(std::string(out, length), c.line) << c.path << " in " << c.columns;
+        EXPECT_LE(columns, c.columns) << c.path;
     }
 }
 
@@ -135,6 +142,66 @@ TEST(ProgressLine, IsRedrawnWithTheCountsAtMostTenTimesASecond) {
     for (const std::string& line : drawn) EXPECT_LE(line.size(), 99u) << line;
     EXPECT_EQ(Screen(shown), "");
     EXPECT_EQ(logged.find('\r'), std::string::npos);
+}
+
+// A terminal of width columns that wraps as terminals do, measuring each
+// character with the C library's widths: the furthest row the cursor went
+// down to, and whether anything is left on screen.
+struct Terminal {
+    size_t width, row = 0, maxRow = 0, column = 0;
+    std::vector<std::string> rows = {""};
+    void Feed(const std::string& bytes) {
+        mbstate_t state{};
+        for (size_t at = 0; at < bytes.size();) {
+            wchar_t c;
+            size_t length = mbrtowc(&c, bytes.data() + at, bytes.size() - at, &state);
+            ASSERT_TRUE(length > 0 && length <= 4) << "not UTF-8 at " << at;
+            int columns = c == '\r' || c == '\n' ? 0 : wcwidth(c);
+            ASSERT_GE(columns, 0) << "a control character reached the terminal: " << static_cast<int>(c);
+            if (c == '\r') column = 0;
+            if (c == '\n' || column + columns > width) {
+                rows.resize(++row + 1);
+                column = c == '\n' ? column : 0;
+            }
+            maxRow = std::max(maxRow, row);
+            if (c != '\r' && c != '\n') {
+                rows[row].resize(std::max(rows[row].size(), column + columns), ' ');
+                column += columns;
+            }
+            at += length;
+        }
+    }
+};
+
+// Names of wide characters (two columns each, three bytes), combining marks
+// (none, two bytes), stray bytes and control characters (their escapes):
+// the line takes the terminal's width less one, never more, so that it
+// never wraps and every drawing replaces the last on the same row.
+TEST(ProgressLine, StaysOnOneRowOfTheTerminalWhateverTheNames) {
+    ASSERT_NE(setlocale(LC_CTYPE, "C.UTF-8"), nullptr);
+    RunDirs dirs;
+    const std::string odd[] = {"\xe4\xb8\xad\xe6\x96\x87", "e\xcc\x81\xcc\x81", "\xff\xfe", "\x1b[2J\n"};
+    for (int i = 0; i < 600; i++) {
+        std::string name = std::to_string(i);
+        for (int j = 0; j < 40; j++) name += odd[(i + j) % 4];  // 190 bytes: the -p lines outgrow the log's buffer
+        ASSERT_EQ(mkdir((dirs.root + "/" + name).c_str(), 0755), 0);
+    }
+    for (unsigned short width : {60, 111}) {
+        Pipe terminal(width), log;
+        ASSERT_TRUE(log.Shrink());
+        pid_t pid = dirs.Start({"-p"}, log.write, terminal.write);
+        log.CloseWrite();
+        terminal.CloseWrite();
+        usleep(250000);
+        ReadToEnd(log.read);
+        const std::string shown = ReadToEnd(terminal.read);
+        EXPECT_EQ(WaitProgram(pid), 0);
+        ASSERT_GE(Drawings(shown).size(), 2u) << shown;
+        Terminal screen{width};
+        screen.Feed(shown);
+        EXPECT_EQ(screen.maxRow, 0u) << width << " columns: " << shown;
+    }
+    setlocale(LC_CTYPE, "C");
 }
 
 // Nothing of it reaches a terminal when -err names a file, nor a pipe.
