@@ -241,15 +241,13 @@ bench_mode() {
   echo "$mode: $(sed -n 2p "$tree.made")"
   [ "$mode" != slow ] || echo "  scanned through $mnt, every request answered after $delayUs us"
   python3 - "$mode" "$results" "$entries" "$n" "${floorThreads%% *}" "$summary" <<'EOF'
-import statistics, sys
+import sys
 mode, path, entries, rounds, pj, summary = sys.argv[1:]
 entries, pfloor = int(entries), f"floor-j{pj}"
-runs = {}
-for line in open(path):
-    tool, secs, user, system, kib = line.split()
-    runs.setdefault(tool, []).append((float(secs), float(user), float(system), int(kib)))
-med = lambda tool, i=0: statistics.median(r[i] for r in runs[tool])
-peak = lambda tool: max(r[3] for r in runs[tool]) / 1024
+sys.path.insert(0, "bench")
+import results
+runs = results.read(path)
+med, peak = runs.med, runs.peak
 ratio = lambda tool, to: f"{med(tool) / med(to):.2f}" if to in runs else "-"
 print(f"{mode}: {entries} entries, {rounds} rounds (medians of wall-clock, user and system seconds;"
       f" ratios of the medians)")

@@ -134,12 +134,10 @@ bench_tree() {
 import re, statistics, sys
 label, path, entries, plain, packed, gz, speeds, summary = sys.argv[1:]
 entries, plain, packed, gz = int(entries), int(plain), int(packed), int(gz)
-runs = {}
-for line in open(path):
-    tool, secs, user, system, kib = line.split()
-    runs.setdefault(tool, []).append((float(secs), float(user), float(system), int(kib)))
-med = lambda tool, i=0: statistics.median(r[i] for r in runs[tool])
-peak = lambda tool: max(r[3] for r in runs[tool]) / 1024
+sys.path.insert(0, "bench")
+import results
+runs = results.read(path)
+med, peak = runs.med, runs.peak
 floor = med("floor")
 print(f"{label}: {entries} entries, {len(runs['floor'])} rounds (medians of wall-clock, user and system seconds)")
 print(f"{'tool':14} {'wall s':>7} {'ratio':>6} {'ns/entry':>9} {'user s':>7} {'sys s':>6} {'peak MiB':>9}")
