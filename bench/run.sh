@@ -31,6 +31,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 top=$PWD
+me=bench/run.sh
 . bench/maketree.sh
 
 rounds=5
@@ -77,11 +78,9 @@ cmake --build --preset bench --target compress_file_speed libdeflate_sweep >/dev
 cp build/bench/bench/compress_file_speed build/bench/bench/libdeflate_sweep "$work/"
 
 if [ -n "$baseline" ]; then
-  rm -rf "$work/baseline-src"
-  git worktree add -f --detach "$work/baseline-src" "$baseline" >/dev/null
   # The temporary worktree goes however the script ends.
   trap 'git -C "$top" worktree remove --force "$work/baseline-src" >/dev/null 2>&1 || true' EXIT
-  (cd "$work/baseline-src" && cmake --preset release >/dev/null && cmake --build --preset release --target Ferrovan >/dev/null)
+  build_baseline "$baseline" "$work/baseline-src"
   baseBin=$work/baseline-src/build/release/Ferrovan
 fi
 
@@ -90,18 +89,6 @@ echo "machine: $(nproc) cores, $(grep -m1 'model name' /proc/cpuinfo | cut -d: -
 echo "zlib $(python3 -c 'import zlib; print(zlib.ZLIB_RUNTIME_VERSION)'), $(ncdu -v), $(du --version | head -1), $(find --version | head -1)"
 echo "Ferrovan $(git describe --always --dirty)${baseline:+, baseline $baseline ($(git rev-parse --short "$baseline"))}"
 
-# The run time and the volume's free space differ from run to run; everything
-# else in a detail file must be the same. Masks them in place, so that the
-# files can be compared with cmp.
-mask() {
-  python3 - "$@" <<'EOF'
-import sys
-for path in sys.argv[1:]:
-    with open(path, "r+b") as f:
-        f.seek(8); f.write(bytes(4))      # runTime
-        f.seek(192); f.write(bytes(8))    # availableSpace
-EOF
-}
 # Inflates a -zip detail file with Python's zlib, which knows nothing of ours.
 inflate() {
   python3 -c 'import sys, zlib; sys.stdout.buffer.write(zlib.decompress(open(sys.argv[1], "rb").read()))' \
@@ -110,28 +97,6 @@ inflate() {
     echo "  $(tail -1 "$work/zlib.txt")" >&2
     exit 1; }
 }
-# Stops the script unless two masked detail files are the same bytes.
-same() {
-  local what=$1 a=$2 b=$3
-  cmp "$a" "$b" >"$work/cmp.txt" 2>&1 || {
-    echo "bench/run.sh: DIFFERENT: $what" >&2
-    echo "  $(cat "$work/cmp.txt")" >&2
-    exit 1; }
-}
-
-# One timed run: appends "tool seconds user system maxKiB" to $results.
-# Wall time comes from bash's microsecond clock around the run, because
-# time(1) gives it in hundredths (5 % of a 100,000-entry scan); user and
-# system time and peak memory come from time(1).
-timed() {
-  local tool=$1; shift
-  local start=$EPOCHREALTIME
-  /usr/bin/time -f "%U %S %M" -o "$work/time.txt" "$@" >/dev/null 2>"$work/stderr.txt" || {
-    echo "bench/run.sh: $tool failed:" >&2; cat "$work/stderr.txt" >&2; exit 1; }
-  local us=$(( ${EPOCHREALTIME//[.,]/} - ${start//[.,]/} ))  # the point is the locale's
-  printf '%s %d.%06d %s\n' "$tool" $((us / 1000000)) $((us % 1000000)) "$(cat "$work/time.txt")" >>"$results"
-}
-
 # Times every tool on one tree and checks its detail files.
 bench_tree() {
   local label=$1 tree=$2
@@ -169,12 +134,10 @@ bench_tree() {
 import re, statistics, sys
 label, path, entries, plain, packed, gz, speeds, summary = sys.argv[1:]
 entries, plain, packed, gz = int(entries), int(plain), int(packed), int(gz)
-runs = {}
-for line in open(path):
-    tool, secs, user, system, kib = line.split()
-    runs.setdefault(tool, []).append((float(secs), float(user), float(system), int(kib)))
-med = lambda tool, i=0: statistics.median(r[i] for r in runs[tool])
-peak = lambda tool: max(r[3] for r in runs[tool]) / 1024
+sys.path.insert(0, "bench")
+import results
+runs = results.read(path)
+med, peak = runs.med, runs.peak
 floor = med("floor")
 print(f"{label}: {entries} entries, {len(runs['floor'])} rounds (medians of wall-clock, user and system seconds)")
 print(f"{'tool':14} {'wall s':>7} {'ratio':>6} {'ns/entry':>9} {'user s':>7} {'sys s':>6} {'peak MiB':>9}")

@@ -213,7 +213,7 @@ AheadJob* NewChild(AheadJob* job, const char* name, uint32_t nameLength, uint32_
     auto* child = static_cast<AheadJob*>(AheadAlloc(size, onHelper));
     memset(child, 0, sizeof *child);
     auto* key = reinterpret_cast<uint32_t*>(child + 1);
-    memcpy(key, job->key, job->keyLength * sizeof(uint32_t));
+    if (job->keyLength != 0) memcpy(key, job->key, job->keyLength * sizeof(uint32_t));
     key[job->keyLength] = ordinal;
     char* text = reinterpret_cast<char*>(key) + keyBytes;
     memcpy(text, name, nameLength + 1);
