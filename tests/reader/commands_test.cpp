@@ -279,8 +279,11 @@ TEST(DtldumpCommands, RefuseDamagedAndUnfinishedFilesUnlessPartial) {
     // A damaged one: which fault it has is the reader's test.
     const FakeFile sample = BuildDetail(SampleScan());
     ScopedTempDir dir;
-    const std::string sound = dir / "sound.dtl", cut = dir / "cut.dtl";
+    const std::string sound = dir / "sound.dtl", cut = dir / "cut.dtl", elsewhere = dir / "elsewhere.dtl";
     WriteFile(sound, sample.bytes);
+    FakeScan other = SampleScan();
+    other.rootPath = "/elsewhere";
+    WriteFile(elsewhere, BuildDetail(other).bytes);
     WriteFile(cut, sample.bytes.substr(0, sample.recordPos.at("dir:/b") + 30));
     struct Input {
         std::string path;
@@ -292,10 +295,13 @@ TEST(DtldumpCommands, RefuseDamagedAndUnfinishedFilesUnlessPartial) {
         ASSERT_FALSE(DtlCheckFile(in.path.c_str(), &fault));
         const std::string refusal =
             "dtldump: " + in.path + ": offset " + std::to_string(fault.offset) + ": " + fault.message + "\n";
-        for (const char* command : {"top", "owners", "age", "types", "export", "diff", "html"}) {
+        // Among several files the faulty one is named; trend takes it twice, as one tree's scans.
+        for (const char* command : {"top", "owners", "age", "types", "export", "diff", "html", "trend", "several"}) {
             SCOPED_TRACE(std::string(command) + " " + in.path);
             std::vector<std::string> args = {command, in.path};
             if (args[0] == "diff") args.insert(args.begin() + 1, {"--force", sound});
+            if (args[0] == "trend") args.push_back(in.path);
+            if (args[0] == "several") args = {"types", elsewhere, in.path};
             RunResult refused = RunDtldump(args);
             EXPECT_EQ(refused.status, 1);
             EXPECT_EQ(refused.err, refusal);

@@ -4,6 +4,7 @@ list(APPEND FERROVAN_TEST_SOURCES
   reader/dtlpipe_test.cpp
   reader/dtlread_test.cpp
   reader/html_test.cpp
+  reader/multiscan_test.cpp
   reader/report_test.cpp
   reader/scantree.cpp
   reader/textout_test.cpp
