@@ -3,13 +3,16 @@
 // their directories: the growth over the period is theirs to tell, so the
 // scans between cost what --summary costs and no more memory than one scan.
 #include <algorithm>
-#include <cmath>
 
 #include "reader/multiscan.h"
 #include "reader/textout.h"
 
+// Rounds half away from zero, as llround does, without the maths library
+// (the release program links only the C library).
 int64_t PerDay(int64_t change, double days) {
-    return days > 0 ? static_cast<int64_t>(std::llround(static_cast<double>(change) / days)) : 0;
+    if (days <= 0) return 0;
+    double perDay = static_cast<double>(change) / days;
+    return static_cast<int64_t>(perDay < 0 ? perDay - 0.5 : perDay + 0.5);
 }
 
 bool ReadTrend(const std::vector<const char*>& paths, bool partial, Trend* trend, std::string* error) {
