@@ -158,7 +158,8 @@ int ParseArgs(int argc, char** argv, Args* a) {
             {"--force", OPT_FORCE, false},   {"-o", OPT_OUTPUT, true},
             {"--output", OPT_OUTPUT, true},  {"--min-share", OPT_SHARE, true},
             {"--colour", OPT_COLOUR, true},  {"--color", OPT_COLOUR, true},
-            {"--scan-columns", OPT_SCAN_COLUMNS, false}, {"--history", OPT_HISTORY, false},
+            {"--scan-columns", OPT_SCAN_COLUMNS, false},
+            {"--history", OPT_HISTORY, false},
         };
         const Known* k = nullptr;
         for (const Known& x : known)

@@ -68,7 +68,7 @@ void TextRows(std::string* out, const std::string& title, const std::vector<cons
 }  // namespace
 
 std::vector<const DiffRow*> PickDiffRows(const std::vector<DiffRow>& rows, const PrintOptions& o,
-                                 const std::function<int64_t(const DiffRow&)>& key) {
+                                         const std::function<int64_t(const DiffRow&)>& key) {
     std::vector<const DiffRow*> picked;
     for (const DiffRow& r : rows)
         if ((o.depth < 0 || r.depth <= o.depth) && key(r) > 0) picked.push_back(&r);
@@ -89,8 +89,10 @@ void PrintDiff(std::string* out, const ReportScan& before, const ReportScan& aft
         const Tally& t = r.inNew ? r.after : r.before;
         return static_cast<int64_t>(o.byEntries ? t.entries : t.bytes) + 1;  // empty ones are shown too
     };
-    std::vector<const DiffRow*> grown = PickDiffRows(diff.changed, o, grew), shrunk = PickDiffRows(diff.changed, o, shrank),
-                                appeared = PickDiffRows(diff.appeared, o, size), vanished = PickDiffRows(diff.vanished, o, size);
+    std::vector<const DiffRow*> grown = PickDiffRows(diff.changed, o, grew),
+                                shrunk = PickDiffRows(diff.changed, o, shrank),
+                                appeared = PickDiffRows(diff.appeared, o, size),
+                                vanished = PickDiffRows(diff.vanished, o, size);
     if (o.json) {
         *out += "{\"command\": \"diff\", \"old\": {";
         AppendJsonHead(out, before);

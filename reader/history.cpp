@@ -37,8 +37,8 @@ std::string Svg(const History& h, size_t row) {
         double y = H - PAD - (H - 2 * PAD) * static_cast<double>(b) / static_cast<double>(top);
         AppendFormat(&points, "%s%.1f,%.1f", points.empty() ? "" : " ", x, y);
         AppendFormat(&dots, "<circle cx=\"%.1f\" cy=\"%.1f\" r=\"2.5\"><title>", x, y);
-        AppendHtmlText(&dots, Cat(HeadingTime(h.scans[i].log.runTime), ": ", HumanSize(static_cast<uint64_t>(b)),
-                                  " (", Number(static_cast<uint64_t>(b)), " bytes)"));
+        AppendHtmlText(&dots, Cat(HeadingTime(h.scans[i].log.runTime), ": ", HumanSize(static_cast<uint64_t>(b)), " (",
+                                  Number(static_cast<uint64_t>(b)), " bytes)"));
         dots += "</title></circle>";
     }
     return Cat("<svg width=\"160\" height=\"36\" viewBox=\"0 0 160 36\" role=\"img\" aria-label=\"size over time\">",
@@ -103,11 +103,11 @@ bool ReadHistory(const ReportScan& page, const std::vector<const char*>& files, 
 std::string HistoryHtml(const History& h) {
     const ReportScan &first = h.scans.front(), &last = h.scans.back();
     double days = (static_cast<double>(last.log.runTime) - first.log.runTime) / 86400.0;
-    std::string out = Cat("<div id=\"history\">\n<h3>Size over time</h3>\n<p class=\"explain\">",
-                          Number(h.scans.size()), " scans of this tree, from ", HeadingTime(first.log.runTime),
-                          " to ", HeadingTime(last.log.runTime),
-                          ": the root and its largest directories, each line scaled to its own largest size "
-                          "(hover a point for its scan and size). &quot;-&quot;: not in that scan.</p>\n");
+    std::string out =
+        Cat("<div id=\"history\">\n<h3>Size over time</h3>\n<p class=\"explain\">", Number(h.scans.size()),
+            " scans of this tree, from ", HeadingTime(first.log.runTime), " to ", HeadingTime(last.log.runTime),
+            ": the root and its largest directories, each line scaled to its own largest size "
+            "(hover a point for its scan and size). &quot;-&quot;: not in that scan.</p>\n");
     out +=
         "<table>\n<thead><tr><th scope=\"col\">PATH</th><th scope=\"col\">OVER TIME</th>"
         "<th scope=\"col\" class=\"n\">FIRST</th><th scope=\"col\" class=\"n\">LAST</th>"

@@ -105,9 +105,9 @@ void AddOwners(std::map<uint32_t, OwnerRow>* byId, const std::vector<OwnerRow>& 
 // that ranks lower in its own scan cannot rank higher in the sum.
 void KeepRows(ReportScan* sum, uint32_t part, const ReportScan& scan, const ReportOptions& o,
               const PrintOptions& print) {
-    std::vector<size_t> keep =
-        print.byEntries ? RankedDirs(scan.dirs, print, [](const DirRow& d) { return d.total.entries; })
-                        : RankedDirs(scan.dirs, print, [](const DirRow& d) { return d.total.bytes; });
+    std::vector<size_t> keep = print.byEntries
+                                   ? RankedDirs(scan.dirs, print, [](const DirRow& d) { return d.total.entries; })
+                                   : RankedDirs(scan.dirs, print, [](const DirRow& d) { return d.total.bytes; });
     if (o.ages)
         for (size_t i : RankedDirs(scan.dirs, print, [](const DirRow& d) { return d.coldBytes; })) keep.push_back(i);
     if (!scan.dirs.empty()) keep.push_back(0);  // the root, for a sum whose every directory is empty
@@ -150,7 +150,8 @@ bool ReadScans(const std::vector<const char*>& paths, const ReportOptions& optio
         sum->root.totalFileSize += scan.totals.totalFileSize;
         AddOwners(&users, scan.users);
         AddOwners(&groups, scan.groups);
-        if (sum->ages.empty()) sum->ages = scan.ages;
+        if (sum->ages.empty())
+            sum->ages = scan.ages;
         else
             for (size_t a = 0; a < scan.ages.size(); a++) {
                 Add(&sum->ages[a].modified, scan.ages[a].modified);
@@ -200,9 +201,8 @@ void AppendPartsJsonHead(std::string* out, const ReportScan& s) {
                      static_cast<unsigned long long>(p.totals.entries),
                      static_cast<unsigned long long>(p.totals.totalFileSize));
     }
-    AppendFormat(out, "\n], \"complete\": %s, \"entries\": %llu",
-                 std::all_of(s.parts.begin(), s.parts.end(), [](const ReportScan& p) { return p.complete; })
-                     ? "true"
-                     : "false",
-                 static_cast<unsigned long long>(s.totals.entries));
+    AppendFormat(
+        out, "\n], \"complete\": %s, \"entries\": %llu",
+        std::all_of(s.parts.begin(), s.parts.end(), [](const ReportScan& p) { return p.complete; }) ? "true" : "false",
+        static_cast<unsigned long long>(s.totals.entries));
 }

@@ -24,8 +24,7 @@ ReportScan HeadOf(const ReportScan& scan);
 /// Opens each file and reads its headers only (node, root, start time),
 /// checking them. False with *error filled (a FaultLine) on the first that
 /// cannot be read; the heads read so far stay in *heads.
-bool ReadHeads(const std::vector<const char*>& paths, bool partial, std::vector<ReportScan>* heads,
-               std::string* error);
+bool ReadHeads(const std::vector<const char*>& paths, bool partial, std::vector<ReportScan>* heads, std::string* error);
 
 /// Reads every file with what options ask for and sums the figures into
 /// *sum, a report whose parts are the scans (see ReportScan::parts): totals,

@@ -102,8 +102,8 @@ TextTable ScanTable(const Trend& t) {
         const DtlTotals& x = s.totals;
         std::string change =
             i ? SignedSize(static_cast<int64_t>(x.totalFileSize - t.scans[i - 1].totals.totalFileSize)) : "";
-        table.rows.push_back({HeadingTime(s.log.runTime), Number(x.entries), Number(x.files),
-                              Number(x.subdirEntries), HumanSize(x.totalFileSize), Number(x.totalFileSize), change,
+        table.rows.push_back({HeadingTime(s.log.runTime), Number(x.entries), Number(x.files), Number(x.subdirEntries),
+                              HumanSize(x.totalFileSize), Number(x.totalFileSize), change,
                               CellPath(s.path) + (s.complete ? "" : " (partial)")});
     }
     return table;
@@ -132,8 +132,8 @@ void TextRows(std::string* out, const std::string& title, const std::vector<cons
 
 void PrintTrend(std::string* out, const Trend& t, const PrintOptions& o) {
     std::vector<DiffRow> changes = Changes(t.diff);
-    std::vector<const DiffRow*> grew = PickDiffRows(changes, o, [](const DiffRow& r) { return r.ByteChange(); }),
-                                shrank = PickDiffRows(changes, o, [](const DiffRow& r) { return -r.ByteChange(); });
+    std::vector<const DiffRow*> grew = PickDiffRows(changes, o, [](const DiffRow&r) { return r.ByteChange(); }),
+                                shrank = PickDiffRows(changes, o, [](const DiffRow&r) { return -r.ByteChange(); });
     const ReportScan &first = t.scans.front(), &last = t.scans.back();
     if (o.json) {
         *out += "{\"command\": \"trend\", ";
@@ -161,16 +161,17 @@ void PrintTrend(std::string* out, const Trend& t, const PrintOptions& o) {
     AppendEscaped(out, last.strings.rootPath, false);
     *out += " on ";
     AppendEscaped(out, last.strings.nodeName, false);
-    *out += Cat(", from ", HeadingTime(first.log.runTime), " to ", HeadingTime(last.log.runTime), " (",
-                Days(t.days), " days)\n");
+    *out += Cat(", from ", HeadingTime(first.log.runTime), " to ", HeadingTime(last.log.runTime), " (", Days(t.days),
+                " days)\n");
     for (const ReportScan& s : t.scans)
         if (!s.complete) *out += Cat(CellPath(s.path), ":\n", PartialNote(s));
     *out += "\nTotals per scan, earliest first (each hard-linked inode's size counts once)\n\n";
     AppendTable(out, ScanTable(t));
     std::string span = Cat(" from the first scan to the last");
     if (o.depth >= 0) span += Cat(", at most ", Number(static_cast<uint64_t>(o.depth)), " levels below the root");
-    *out += "(a directory's size is that of every entry below it, at any depth; PER DAY spreads the change\n"
-            " over the days between the first scan's start and the last one's)\n";
+    *out +=
+        "(a directory's size is that of every entry below it, at any depth; PER DAY spreads the change\n"
+        " over the days between the first scan's start and the last one's)\n";
     TextRows(out, "Directories that grew most" + span, grew, t);
     TextRows(out, "Directories that shrank most" + span, shrank, t);
 }

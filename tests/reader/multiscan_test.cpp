@@ -215,8 +215,8 @@ TEST(MultiScan, TrendFollowsOneTreeThroughItsChanges) {
 
     Trend trend;
     std::string error;
-    ASSERT_TRUE(ReadTrend({files[2].c_str(), files[0].c_str(), files[3].c_str(), files[1].c_str()}, false, &trend,
-                          &error))
+    ASSERT_TRUE(
+        ReadTrend({files[2].c_str(), files[0].c_str(), files[3].c_str(), files[1].c_str()}, false, &trend, &error))
         << error;
     ASSERT_EQ(trend.scans.size(), 4u);
     for (size_t i = 0; i < 4; i++) {
@@ -260,8 +260,10 @@ TEST(MultiScan, TrendFollowsOneTreeThroughItsChanges) {
                            Number(times[3]), "]\n");
     std::vector<std::pair<int64_t, std::string>> grew, shrank;
     for (const auto& [path, change] : expected) (change > 0 ? grew : shrank).emplace_back(std::abs(change), path);
-    std::sort(grew.begin(), grew.end(), [](auto& x, auto& y) { return x.first != y.first ? x.first > y.first : x.second < y.second; });
-    std::sort(shrank.begin(), shrank.end(), [](auto& x, auto& y) { return x.first != y.first ? x.first > y.first : x.second < y.second; });
+    std::sort(grew.begin(), grew.end(),
+              [](auto& x, auto& y) { return x.first != y.first ? x.first > y.first : x.second < y.second; });
+    std::sort(shrank.begin(), shrank.end(),
+              [](auto& x, auto& y) { return x.first != y.first ? x.first > y.first : x.second < y.second; });
     for (const auto* rows : {&grew, &shrank})
         for (const auto& [size, path] : *rows) {
             int64_t change = rows == &grew ? size : -size;
@@ -277,7 +279,8 @@ TEST(MultiScan, TrendFollowsOneTreeThroughItsChanges) {
     ASSERT_NE(at, std::string::npos);
     for (size_t i = 0; i < 4; i++) {
         uint64_t bytes = figures[i].at("/").bytes;
-        std::string point = Cat("<title>", HeadingTime(times[i]), ": ", HumanSize(bytes), " (", Number(bytes), " bytes)");
+        std::string point =
+            Cat("<title>", HeadingTime(times[i]), ": ", HumanSize(bytes), " (", Number(bytes), " bytes)");
         size_t found = page.out.find(point, at);
         EXPECT_NE(found, std::string::npos) << point;
         at = found;
