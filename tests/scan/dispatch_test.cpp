@@ -55,9 +55,8 @@ TEST(ProcessFile, ReadsLinkTargetsCutAtTheLstatSizeWithoutStaleBytes) {
 
 TEST(ProcessSubdir, ASubdirectoryReplacedSinceItWasListedIsReportedNotFollowed) {
     ScopedTempDir dir;
-    MakeTree(
-        dir.path,
-        {{TreeItem::DIR, "elsewhere"}, {TreeItem::FILE, "elsewhere/secret"}, {TreeItem::SYMLINK, "link", "elsewhere"}});
+    MakeTree(dir.path, {{TreeItem::DIR, "elsewhere"}, {TreeItem::FILE, "elsewhere/secret"},
+                        {TreeItem::SYMLINK, "link", "elsewhere"}});
     AuditRoot root{};
     root.path = dir.path.data();
     // The listing found a directory named link; by now it is a link to one.
