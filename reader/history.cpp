@@ -53,15 +53,8 @@ bool ReadHistory(const ReportScan& page, const std::vector<const char*>& files, 
     std::vector<ReportScan> heads;
     if (!ReadHeads(files, partial, &heads, error)) return false;
     for (const ReportScan& s : heads)
-        if (s.strings.rootPath != page.strings.rootPath || s.strings.nodeName != page.strings.nodeName) {
-            std::string trees;
-            for (const ReportScan* x : {&page, &s}) {
-                trees += Cat(trees.empty() ? "" : ", ", x->path, " is of ");
-                AppendEscaped(&trees, x->strings.rootPath, true);
-                trees += " on ";
-                AppendEscaped(&trees, x->strings.nodeName, true);
-            }
-            *error = "--history takes earlier scans of the page's tree (its root on its node): " + trees;
+        if (!SameTree(s, page)) {
+            *error = "--history takes earlier scans of the page's tree (its root on its node): " + TreesOf(page, s);
             return false;
         }
     // The root and the largest top-level directories of the page's scan.

@@ -52,6 +52,21 @@ ReportScan HeadOf(const ReportScan& s) {
     return head;
 }
 
+bool SameTree(const ReportScan& a, const ReportScan& b) {
+    return a.strings.rootPath == b.strings.rootPath && a.strings.nodeName == b.strings.nodeName;
+}
+
+std::string TreesOf(const ReportScan& a, const ReportScan& b) {
+    std::string trees;
+    for (const ReportScan* s : {&a, &b}) {
+        trees += Cat(trees.empty() ? "" : ", ", s->path, " is of ");
+        AppendEscaped(&trees, s->strings.rootPath, true);
+        trees += " on ";
+        AppendEscaped(&trees, s->strings.nodeName, true);
+    }
+    return trees;
+}
+
 namespace {
 
 void Add(Tally* sum, const Tally& t) {
@@ -130,8 +145,7 @@ bool ReadScans(const std::vector<const char*>& paths, const ReportOptions& optio
     if (!ReadHeads(paths, options.partial, &heads, error)) return false;
     for (size_t i = 0; i < heads.size(); i++)
         for (size_t j = 0; j < i; j++)
-            if (heads[i].strings.rootPath == heads[j].strings.rootPath &&
-                heads[i].strings.nodeName == heads[j].strings.nodeName) {
+            if (SameTree(heads[i], heads[j])) {
                 *error = Cat(heads[j].path, " and ", heads[i].path, " are successive scans of one tree, ",
                              TreeName(heads[i]),
                              ": their figures are not summed; dtldump trend follows one tree from scan to scan");

@@ -21,6 +21,12 @@ std::string FaultLine(const ReportScan& scan);
 /// A scan's head, status and totals without its rows and tallies.
 ReportScan HeadOf(const ReportScan& scan);
 
+/// True when two scans are of one tree: the same root path on the same node.
+bool SameTree(const ReportScan& a, const ReportScan& b);
+
+/// What two scans are of, for a message: FILE is of "/root" on "node", ...
+std::string TreesOf(const ReportScan& a, const ReportScan& b);
+
 /// Opens each file and reads its headers only (node, root, start time),
 /// checking them. False with *error filled (a FaultLine) on the first that
 /// cannot be read; the heads read so far stay in *heads.

@@ -18,19 +18,11 @@ int64_t PerDay(int64_t change, double days) {
 bool ReadTrend(const std::vector<const char*>& paths, bool partial, Trend* trend, std::string* error) {
     std::vector<ReportScan> heads;
     if (!ReadHeads(paths, partial, &heads, error)) return false;
-    for (const ReportScan& h : heads) {
-        const ReportScan& first = heads[0];
-        if (h.strings.rootPath == first.strings.rootPath && h.strings.nodeName == first.strings.nodeName) continue;
-        std::string trees;
-        for (const ReportScan* s : {&first, &h}) {
-            trees += Cat(trees.empty() ? "" : ", ", s->path, " is of ");
-            AppendEscaped(&trees, s->strings.rootPath, true);
-            trees += " on ";
-            AppendEscaped(&trees, s->strings.nodeName, true);
+    for (const ReportScan& h : heads)
+        if (!SameTree(h, heads[0])) {
+            *error = "trend follows one tree (one root on one node) from scan to scan: " + TreesOf(heads[0], h);
+            return false;
         }
-        *error = "trend follows one tree (one root on one node) from scan to scan: " + trees;
-        return false;
-    }
     // Scans started at one time keep the order they were given in.
     std::vector<size_t> order(heads.size());
     for (size_t i = 0; i < order.size(); i++) order[i] = i;

@@ -61,6 +61,9 @@ TEST(DtldumpCommands, ReadTheCommandLineAsDocumented) {
     const std::string sound = dir / "s.dtl", cut = dir / "cut.dtl", page = dir / "page.html";
     WriteFile(sound, sample.bytes);
     WriteFile(dir / "top", sample.bytes);  // a file named like a command
+    FakeScan elsewhere = SampleScan();
+    elsewhere.rootPath = "/elsewhere";
+    WriteFile(dir / "other.dtl", BuildDetail(elsewhere).bytes);
     WriteFile(cut, sample.bytes.substr(0, sample.recordPos.at("dir:/b") + 30));
     struct Case {
         std::vector<std::string> args;
@@ -78,6 +81,9 @@ TEST(DtldumpCommands, ReadTheCommandLineAsDocumented) {
         {{"export", "s.dtl", "s.dtl"}, 1, "", "dtldump: export takes one detail file\nusage:"},
         {{"top", "--scan-columns", "s.dtl"}, 1, "", "option '--scan-columns' does not apply to top"},
         {{"html", "s.dtl", "--history"}, 1, "", "option '--history' needs the files of earlier scans"},
+        {{"trend", "s.dtl", "other.dtl"}, 1, "",
+         "dtldump: trend follows one tree (one root on one node) from scan to scan: s.dtl is of \"/data\" on "},
+        {{"html", "s.dtl", "--history", "other.dtl"}, 1, "", "other.dtl is of \"/elsewhere\" on "},
         {{"diff", "s.dtl"}, 1, "", "diff takes two detail files: OLD NEW"},
         {{"top", "--by", "bogus", "s.dtl"}, 1, "", "--by takes size or entries, not 'bogus'"},
         {{"owners", "--depth", "2", "s.dtl"}, 1, "", "option '--depth' does not apply to owners"},
