@@ -152,7 +152,7 @@ bool ReadScans(const std::vector<const char*>& paths, const ReportOptions& optio
                 return false;
             }
     std::map<uint32_t, OwnerRow> users, groups;
-    std::map<std::string, Tally> extensions;
+    std::unordered_map<std::string, Tally> extensions;  // a tree may hold a hundred thousand
     sum->complete = true;
     for (size_t i = 0; i < paths.size(); i++) {
         ReportScan scan;
@@ -172,16 +172,20 @@ bool ReadScans(const std::vector<const char*>& paths, const ReportOptions& optio
                 Add(&sum->ages[a].accessed, scan.ages[a].accessed);
             }
         for (size_t k = 0; k < KIND_COUNT; k++) Add(&sum->kinds[k], scan.kinds[k]);
-        for (const ExtensionRow& e : scan.extensions) Add(&extensions[e.extension], e.tally);
+        extensions.reserve(scan.extensions.size());
+        for (ExtensionRow& e : scan.extensions) Add(&extensions[std::move(e.extension)], e.tally);
         if (options.dirs) KeepRows(sum, static_cast<uint32_t>(i), scan, options, print);
         // The part keeps its head and totals; its rows are in the sum now.
         sum->parts.push_back(HeadOf(scan));
     }
     sum->users = Merged(users);
     sum->groups = Merged(groups);
-    for (const auto& [extension, tally] : extensions) sum->extensions.push_back({extension, tally});
-    std::stable_sort(sum->extensions.begin(), sum->extensions.end(),
-                     [](const ExtensionRow& a, const ExtensionRow& b) { return a.tally.bytes > b.tally.bytes; });
+    sum->extensions.reserve(extensions.size());
+    for (auto& [extension, tally] : extensions) sum->extensions.push_back({extension, tally});
+    // Largest first, and by name among equals, as the report of one scan ranks them.
+    std::sort(sum->extensions.begin(), sum->extensions.end(), [](const ExtensionRow& a, const ExtensionRow& b) {
+        return a.tally.bytes != b.tally.bytes ? a.tally.bytes > b.tally.bytes : a.extension < b.extension;
+    });
     return true;
 }
 
