@@ -1,6 +1,7 @@
 #include "reader/history.h"
 
 #include <algorithm>
+#include <cstdint>
 
 #include "reader/htmlreport.h"
 #include "reader/multiscan.h"
@@ -25,8 +26,14 @@ std::vector<int64_t> SizesIn(const ReportScan& scan, const std::vector<std::stri
 std::string Svg(const History& h, size_t row) {
     constexpr double W = 160, H = 36, PAD = 3;
     int64_t t0 = h.scans.front().log.runTime, t1 = h.scans.back().log.runTime;
-    int64_t top = 1;
-    for (int64_t b : h.bytes[row]) top = std::max(top, b);
+    // Each line spans its own smallest to largest size: a month's growth of
+    // a large directory is a small share of it, and must still show.
+    int64_t low = INT64_MAX, high = 0;
+    for (int64_t b : h.bytes[row])
+        if (b >= 0) {
+            low = std::min(low, b);
+            high = std::max(high, b);
+        }
     std::string points, dots;
     for (size_t i = 0; i < h.scans.size(); i++) {
         int64_t b = h.bytes[row][i];
@@ -34,7 +41,8 @@ std::string Svg(const History& h, size_t row) {
         double x = t1 > t0 ? PAD + (W - 2 * PAD) * static_cast<double>(h.scans[i].log.runTime - t0) /
                                        static_cast<double>(t1 - t0)
                            : W / 2;
-        double y = H - PAD - (H - 2 * PAD) * static_cast<double>(b) / static_cast<double>(top);
+        double y = high > low ? H - PAD - (H - 2 * PAD) * static_cast<double>(b - low) / static_cast<double>(high - low)
+                              : H / 2;
         AppendFormat(&points, "%s%.1f,%.1f", points.empty() ? "" : " ", x, y);
         AppendFormat(&dots, "<circle cx=\"%.1f\" cy=\"%.1f\" r=\"2.5\"><title>", x, y);
         AppendHtmlText(&dots, Cat(HeadingTime(h.scans[i].log.runTime), ": ", HumanSize(static_cast<uint64_t>(b)), " (",
@@ -99,8 +107,9 @@ std::string HistoryHtml(const History& h) {
     std::string out =
         Cat("<div id=\"history\">\n<h3>Size over time</h3>\n<p class=\"explain\">", Number(h.scans.size()),
             " scans of this tree, from ", HeadingTime(first.log.runTime), " to ", HeadingTime(last.log.runTime),
-            ": the root and its largest directories, each line scaled to its own largest size "
-            "(hover a point for its scan and size). &quot;-&quot;: not in that scan.</p>\n");
+            ": the root and its largest directories, each line from its own smallest size (bottom) to its "
+            "largest (top; flat: unchanged). Hover a point for its scan and size. &quot;-&quot;: not in that "
+            "scan.</p>\n");
     out +=
         "<table>\n<thead><tr><th scope=\"col\">PATH</th><th scope=\"col\">OVER TIME</th>"
         "<th scope=\"col\" class=\"n\">FIRST</th><th scope=\"col\" class=\"n\">LAST</th>"
