@@ -52,10 +52,7 @@ void PrintAges(std::string* out, const ReportScan& s, const PrintOptions& o) {
         for (size_t i = 0; i < order.size(); i++) {
             const DirRow& d = s.dirs[order[i]];
             *out += i ? ",\n  {" : "\n  {";
-            std::string logical = DirPath(s.dirs, order[i]);
-            AppendJsonMember(out, "path", FullPath(s.strings.rootPath, logical));
-            *out += ", ";
-            AppendJsonMember(out, "logicalPath", logical);
+            AppendJsonRowPath(out, s, order[i]);
             AppendFormat(
                 out, ", \"depth\": %u, \"coldFiles\": %llu, \"coldBytes\": %llu, \"files\": %llu, \"bytes\": %llu}",
                 d.depth, static_cast<unsigned long long>(d.coldFiles), static_cast<unsigned long long>(d.coldBytes),
@@ -97,8 +94,7 @@ TextTable ColdTable(const ReportScan& s, const PrintOptions& o) {
     for (size_t i : RankedDirs(s.dirs, o, [](const DirRow& d) { return d.coldBytes; })) {
         const DirRow& d = s.dirs[i];
         c.rows.push_back({HumanSize(d.coldBytes), Number(d.coldBytes), Number(d.coldFiles),
-                          Share(d.coldBytes, d.total.bytes),
-                          CellPath(FullPath(s.strings.rootPath, DirPath(s.dirs, i)))});
+                          Share(d.coldBytes, d.total.bytes), RowCell(s, i)});
     }
     return c;
 }

@@ -15,7 +15,9 @@
 #include "reader/browse.h"
 #include "reader/dtldump.h"
 #include "reader/export.h"
+#include "reader/history.h"
 #include "reader/htmlreport.h"
+#include "reader/multiscan.h"
 #include "reader/report.h"
 #include "reader/reportprint.h"
 #include "reader/textout.h"
@@ -23,7 +25,10 @@
 const char* const DTLDUMP_USAGE =
     "usage: dtldump [--json] [--summary] FILE      print and check a detail file\n"
     "       dtldump COMMAND [OPTIONS] FILE         report on the scan it holds\n"
+    "       dtldump COMMAND [OPTIONS] FILE...      top, owners, age, types: the scans of\n"
+    "                                              several trees or machines summed\n"
     "       dtldump diff [OPTIONS] OLD NEW         compare two scans of one root\n"
+    "       dtldump trend [OPTIONS] FILE...        follow successive scans of one root\n"
     "\n"
     "commands:\n"
     "  top      the largest directories: -n N, --depth D, --by size|entries;\n"
@@ -32,14 +37,18 @@ const char* const DTLDUMP_USAGE =
     "  age      files by age of modification and access, the coldest directories:\n"
     "           --buckets LIST (1m,6m,1y,3y), --cold AGE (1y), -n N, --depth D\n"
     "  types    entries by kind, regular files by name extension: -n N\n"
-    "  export   every entry as CSV or NDJSON: --format csv|ndjson\n"
+    "  export   every entry as CSV or NDJSON: --format csv|ndjson, --scan-columns\n"
+    "           (each row also names the scan: node, root and start)\n"
     "  diff     totals, the directories that grew, shrank, appeared or vanished:\n"
     "           -n N, --depth D, --by size|entries, --force (different roots)\n"
+    "  trend    totals per scan in the order of their start, the directories that grew\n"
+    "           or shrank most over the period and the change per day: -n N, --depth D\n"
     "  browse   a full-screen browser of the scan in the terminal (keys: ? in it)\n"
     "  html     one page to open in a browser: a zoomable treemap of the directories\n"
     "           and the tables of top, owners, age and types: -o FILE (standard output),\n"
     "           --min-share PERCENT (0.1), --colour top|age, -n N (50), --depth D,\n"
-    "           --buckets LIST, --cold AGE\n"
+    "           --buckets LIST, --cold AGE, --history FILE... (earlier scans of the root:\n"
+    "           each large directory's size over time)\n"
     "\n"
     "options of every command: --json (JSON instead of text tables; export: NDJSON;\n"
     "  not html),\n"
@@ -60,28 +69,36 @@ enum Option : unsigned {
     OPT_SHARE = 256,
     OPT_COLOUR = 512,
     OPT_FILES = 1024,
+    OPT_SCAN_COLUMNS = 2048,
+    OPT_HISTORY = 4096,
 };
+
+constexpr size_t SEVERAL = 0;  // a command that reads one file or more
 
 struct Command {
     const char* name;
     unsigned options;  // the Options it takes besides --json, --partial and --help
-    size_t files;      // how many files it reads
+    size_t files;      // how many files it reads, or SEVERAL
 };
 
 const Command COMMANDS[] = {
-    {"top", OPT_ROWS | OPT_DEPTH | OPT_BY | OPT_FILES, 1},
-    {"owners", OPT_ROWS, 1},
-    {"age", OPT_ROWS | OPT_DEPTH | OPT_BUCKETS | OPT_COLD, 1},
-    {"types", OPT_ROWS, 1},
-    {"export", OPT_FORMAT, 1},
+    {"top", OPT_ROWS | OPT_DEPTH | OPT_BY | OPT_FILES, SEVERAL},
+    {"owners", OPT_ROWS, SEVERAL},
+    {"age", OPT_ROWS | OPT_DEPTH | OPT_BUCKETS | OPT_COLD, SEVERAL},
+    {"types", OPT_ROWS, SEVERAL},
+    {"export", OPT_FORMAT | OPT_SCAN_COLUMNS, 1},
     {"diff", OPT_ROWS | OPT_DEPTH | OPT_BY | OPT_FORCE, 2},
+    {"trend", OPT_ROWS | OPT_DEPTH, SEVERAL},
     {"browse", 0, 1},
-    {"html", OPT_ROWS | OPT_DEPTH | OPT_BUCKETS | OPT_COLD | OPT_OUTPUT | OPT_SHARE | OPT_COLOUR, 1},
+    {"html", OPT_ROWS | OPT_DEPTH | OPT_BUCKETS | OPT_COLD | OPT_OUTPUT | OPT_SHARE | OPT_COLOUR | OPT_HISTORY, 1},
 };
 
 struct Args {
     const Command* command = nullptr;
     std::vector<const char*> files;
+    std::vector<const char*> history;  // html --history: the files after it, up to the next option
+    bool afterHistory = false;
+    bool scanColumns = false;
     bool partial = false, force = false, help = false, largestFiles = false;
     ExportFormat format = EXPORT_CSV;
     PrintOptions print;
@@ -114,9 +131,10 @@ int ParseArgs(int argc, char** argv, Args* a) {
     for (int i = 2; i < argc; i++) {
         std::string_view arg = argv[i];
         if (!options || arg.size() < 2 || arg[0] != '-') {
-            a->files.push_back(argv[i]);
+            (a->afterHistory ? a->history : a->files).push_back(argv[i]);
             continue;
         }
+        a->afterHistory = false;
         if (arg == "--") {
             options = false;
             continue;
@@ -147,6 +165,8 @@ int ParseArgs(int argc, char** argv, Args* a) {
             {"--output", OPT_OUTPUT, true},  {"--min-share", OPT_SHARE, true},
             {"--colour", OPT_COLOUR, true},  {"--color", OPT_COLOUR, true},
             {"--files", OPT_FILES, false},
+            {"--scan-columns", OPT_SCAN_COLUMNS, false},
+            {"--history", OPT_HISTORY, false},
         };
         const Known* k = nullptr;
         for (const Known& x : known)
@@ -171,6 +191,10 @@ int ParseArgs(int argc, char** argv, Args* a) {
             a->force = true;
         } else if (name == "--files") {
             a->largestFiles = true;
+        } else if (name == "--scan-columns") {
+            a->scanColumns = true;
+        } else if (name == "--history") {
+            a->afterHistory = true;
         } else if (name == "-n" || name == "--depth") {
             if (!ParseCount(value, &count)) return Usage("'%s' is not a count", value.c_str());
             if (name == "-n") {
@@ -207,9 +231,14 @@ int ParseArgs(int argc, char** argv, Args* a) {
         return Usage("%s does not apply to top --files", a->print.depth >= 0 ? "--depth" : "--by");
     if (a->print.json && (a->command->options & OPT_OUTPUT || !a->command->options))
         return Usage(("option '%s' does not apply to " + std::string(a->command->name)).c_str(), "--json");
-    if (a->files.size() != a->command->files)
-        return Usage(a->command->files == 1 ? "%s takes one detail file" : "%s takes two detail files: OLD NEW",
+    if (a->command->files == SEVERAL ? a->files.empty() : a->files.size() != a->command->files)
+        return Usage(a->command->files == SEVERAL ? "%s takes one or more detail files"
+                     : a->command->files == 1     ? "%s takes one detail file"
+                                                  : "%s takes two detail files: OLD NEW",
                      a->command->name);
+    if (a->largestFiles && a->files.size() > 1) return Usage("%s takes one detail file", "top --files");
+    if (a->command->options & OPT_HISTORY && a->afterHistory && a->history.empty())
+        return Usage("option '%s' needs the files of earlier scans", "--history");
     std::string error;
     std::vector<int64_t> bounds;
     std::vector<std::string> names;
@@ -228,10 +257,15 @@ int ParseArgs(int argc, char** argv, Args* a) {
     return 0;
 }
 
-int Refuse(const ReportScan& s) {
+// Says why the files cannot be reported on: a file's fault as the dump
+// names it, or why several cannot go together.
+int Refuse(const std::string& line) {
     fflush(stdout);
-    return RefuseFile(s.path, s.opened, s.fault);
+    fprintf(stderr, "dtldump: %s\n", line.c_str());
+    return 1;
 }
+
+int Refuse(const ReportScan& s) { return Refuse(FaultLine(s)); }
 
 int Write(const std::string& text) {
     if (fwrite(text.data(), 1, text.size(), stdout) != text.size() || fflush(stdout) != 0) {
@@ -264,7 +298,7 @@ int Export(const Args& a) {
     ExportSink sink;
     sink.fd = STDOUT_FILENO;
     ReportScan scan;
-    bool ok = ExportEntries(a.files[0], a.format, a.partial, &sink, &scan);
+    bool ok = ExportEntries(a.files[0], a.format, a.partial, &sink, &scan, a.scanColumns);
     if (sink.writeError) {
         fprintf(stderr, "dtldump: error writing standard output: %s\n", strerror(sink.writeError));
         return 1;
@@ -311,10 +345,20 @@ int CommandMain(int argc, char** argv) {
     r.owners = name == "owners" || html;
     r.ages = name == "age" || html;
     r.types = name == "types" || html;
+    std::string out, error;
+    if (name == "trend") {
+        Trend trend;
+        if (!ReadTrend(a.files, a.partial, &trend, &error)) return Refuse(error);
+        PrintTrend(&out, trend, a.print);
+        return Write(out);
+    }
     ReportScan scans[2];
-    for (size_t i = 0; i < a.files.size(); i++)
-        if (!ReadReport(a.files[i], r, &scans[i])) return Refuse(scans[i]);
-    std::string out;
+    if (a.command->files == SEVERAL && a.files.size() > 1) {
+        if (!ReadScans(a.files, r, a.print, &scans[0], &error)) return Refuse(error);
+    } else {
+        for (size_t i = 0; i < a.files.size(); i++)
+            if (!ReadReport(a.files[i], r, &scans[i])) return Refuse(scans[i]);
+    }
     if (name == "top" && a.largestFiles) {
         PrintTopFiles(&out, scans[0], a.print);
     } else if (name == "top") {
@@ -326,7 +370,13 @@ int CommandMain(int argc, char** argv) {
     } else if (name == "types") {
         PrintTypes(&out, scans[0], a.print);
     } else if (html) {
-        AppendHtmlReport(&out, scans[0], {a.print, a.minShare, a.colourByAge});
+        HtmlOptions page{a.print, a.minShare, a.colourByAge, {}};
+        if (!a.history.empty()) {
+            History history;
+            if (!ReadHistory(scans[0], a.history, a.partial, &history, &error)) return Refuse(error);
+            page.history = HistoryHtml(history);
+        }
+        AppendHtmlReport(&out, scans[0], page);
         if (!a.output.empty()) return WriteReportFile(a.output, out);
     } else {
         if (scans[0].strings.rootPath != scans[1].strings.rootPath && !a.force) {

@@ -23,21 +23,6 @@ const Total TOTALS[] = {
     {"hard-link entries", "hardLinks", &DtlTotals::hardLinks, false},
 };
 
-// The rows to show of one table, ranked by key (largest first), no deeper
-// than the options allow.
-std::vector<const DiffRow*> Pick(const std::vector<DiffRow>& rows, const PrintOptions& o,
-                                 const std::function<int64_t(const DiffRow&)>& key) {
-    std::vector<const DiffRow*> picked;
-    for (const DiffRow& r : rows)
-        if ((o.depth < 0 || r.depth <= o.depth) && key(r) > 0) picked.push_back(&r);
-    size_t keep = std::min(picked.size(), o.rows);
-    std::partial_sort(picked.begin(), picked.begin() + keep, picked.end(), [&](const DiffRow* a, const DiffRow* b) {
-        return key(*a) != key(*b) ? key(*a) > key(*b) : a->path < b->path;
-    });
-    picked.resize(keep);
-    return picked;
-}
-
 // A row's real path: in the new scan's root, or the old one's for a vanished directory.
 std::string RowPath(const ReportScan& before, const ReportScan& after, const DiffRow& r) {
     return FullPath((r.inNew ? after : before).strings.rootPath, r.path);
@@ -82,6 +67,19 @@ void TextRows(std::string* out, const std::string& title, const std::vector<cons
 
 }  // namespace
 
+std::vector<const DiffRow*> PickDiffRows(const std::vector<DiffRow>& rows, const PrintOptions& o,
+                                         const std::function<int64_t(const DiffRow&)>& key) {
+    std::vector<const DiffRow*> picked;
+    for (const DiffRow& r : rows)
+        if ((o.depth < 0 || r.depth <= o.depth) && key(r) > 0) picked.push_back(&r);
+    size_t keep = std::min(picked.size(), o.rows);
+    std::partial_sort(picked.begin(), picked.begin() + keep, picked.end(), [&](const DiffRow* a, const DiffRow* b) {
+        return key(*a) != key(*b) ? key(*a) > key(*b) : a->path < b->path;
+    });
+    picked.resize(keep);
+    return picked;
+}
+
 void PrintDiff(std::string* out, const ReportScan& before, const ReportScan& after, const ScanDiff& diff,
                const PrintOptions& o) {
     auto grew = [&](const DiffRow& r) { return o.byEntries ? r.EntryChange() : r.ByteChange(); };
@@ -91,8 +89,10 @@ void PrintDiff(std::string* out, const ReportScan& before, const ReportScan& aft
         const Tally& t = r.inNew ? r.after : r.before;
         return static_cast<int64_t>(o.byEntries ? t.entries : t.bytes) + 1;  // empty ones are shown too
     };
-    std::vector<const DiffRow*> grown = Pick(diff.changed, o, grew), shrunk = Pick(diff.changed, o, shrank),
-                                appeared = Pick(diff.appeared, o, size), vanished = Pick(diff.vanished, o, size);
+    std::vector<const DiffRow*> grown = PickDiffRows(diff.changed, o, grew),
+                                shrunk = PickDiffRows(diff.changed, o, shrank),
+                                appeared = PickDiffRows(diff.appeared, o, size),
+                                vanished = PickDiffRows(diff.vanished, o, size);
     if (o.json) {
         *out += "{\"command\": \"diff\", \"old\": {";
         AppendJsonHead(out, before);

@@ -15,7 +15,8 @@ constexpr size_t FLUSH_AT = 1 << 20;
 
 constexpr const char* CSV_HEADER =
     "path,pathHex,kind,uid,gid,mode,size,links,inode,counted,mtime,mtimeSec,atime,atimeSec,ctime,ctimeSec,target,"
-    "targetHex\n";
+    "targetHex";
+constexpr const char* CSV_HEADER_SCAN = ",scanNode,scanRoot,scanStart,scanStartSec";
 
 // Bytes a text may hold and still be copied as it is: printable ASCII but
 // the characters each format must quote or escape.
@@ -170,6 +171,7 @@ struct Writer {
     Escaped scratch;        // a name or target that is not plain, escaped
     DateCache dates;
     Repeat owner, times[3];
+    std::string scanColumns;  // the same on every row: the scan's node, root and start
 };
 
 void Flush(Writer* w) {
@@ -258,7 +260,8 @@ char* End(char* p) {
 template <bool csv>
 void PutEntry(Writer* w, const DtlRecord& rec) {
     const DtlRecordFixed& fx = rec.fixed;
-    char* start = Room(w, w->prefix.text.size() + 2 * w->prefixRaw.size() + Bound(rec.name) + Bound(rec.target) + 512);
+    char* start = Room(w, w->prefix.text.size() + 2 * w->prefixRaw.size() + Bound(rec.name) + Bound(rec.target) +
+                              w->scanColumns.size() + 512);
     char* p = start;
     if (!csv) *p++ = '{';
     p = PutText<csv>(w, p, "path", &w->prefix, w->prefixRaw, rec.name);
@@ -303,6 +306,7 @@ void PutEntry(Writer* w, const DtlRecord& rec) {
     } else if (csv) {
         *p++ = ',';
     }
+    p = Put(p, w->scanColumns);
     p = csv ? Lit(p, "\n") : Lit(p, "}\n");
     w->len += static_cast<size_t>(p - start);
     if (w->len >= FLUSH_AT) Flush(w);
@@ -318,9 +322,32 @@ void EnterDirectory(Writer* w, bool csv, std::string_view logical) {
     Escape(path, csv, &w->prefix);
 }
 
+// The columns that name the scan, with the comma in front of them: CSV
+// fields, or NDJSON members. A node or root that is not UTF-8 has U+FFFD for
+// each stray byte here; the path column's twin holds the root's exact bytes.
+std::string ScanColumns(const DtlReader& r, bool csv) {
+    char started[24];
+    *PutIsoTime(started, r.log.runTime) = '\0';
+    std::string columns = ",";
+    if (csv) {
+        AppendCsvField(&columns, r.strings.nodeName);
+        columns += ',';
+        AppendCsvField(&columns, r.strings.rootPath);
+        AppendFormat(&columns, ",%s,%u", started, r.log.runTime);
+    } else {
+        columns += "\"scanNode\":";
+        AppendJsonString(&columns, r.strings.nodeName);
+        columns += ",\"scanRoot\":";
+        AppendJsonString(&columns, r.strings.rootPath);
+        AppendFormat(&columns, ",\"scanStart\":\"%s\",\"scanStartSec\":%u", started, r.log.runTime);
+    }
+    return columns;
+}
+
 }  // namespace
 
-bool ExportEntries(const char* path, ExportFormat format, bool partial, ExportSink* sink, ReportScan* scan) {
+bool ExportEntries(const char* path, ExportFormat format, bool partial, ExportSink* sink, ReportScan* scan,
+                   bool scanColumns) {
     scan->path = path;
     DtlReader r;
     bool opened = DtlOpen(&r, path, {.acceptUnfinished = partial, .nameLinks = false});
@@ -341,7 +368,11 @@ bool ExportEntries(const char* path, ExportFormat format, bool partial, ExportSi
     w->buf.reset(new char[w->cap]);
     w->root = r.strings.rootPath;
     bool csv = format == EXPORT_CSV;
-    if (csv) w->len = static_cast<size_t>(Put(w->buf.get(), CSV_HEADER) - w->buf.get());
+    if (scanColumns) w->scanColumns = ScanColumns(r, csv);
+    if (csv) {
+        std::string header = Cat(CSV_HEADER, scanColumns ? CSV_HEADER_SCAN : "", "\n");
+        w->len = static_cast<size_t>(Put(w->buf.get(), header) - w->buf.get());
+    }
     DtlPipe* pipe = DtlPipeStart(&r);
     while (const DtlRecord* rec = DtlPipeNext(pipe)) {
         if (rec->kind == DTL_REC_ENTRY)

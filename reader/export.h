@@ -32,5 +32,9 @@ struct ExportSink {
 /// opened, its headers are damaged, or (without partial) it is unfinished
 /// or has a fault; the rows before a fault found later have been written.
 /// With partial an unfinished or damaged file is exported as far as its
-/// records go. A write error stops the export (sink->writeError).
-bool ExportEntries(const char* path, ExportFormat format, bool partial, ExportSink* sink, ReportScan* scan);
+/// records go. A write error stops the export (sink->writeError). With
+/// scanColumns every row ends with four more: scanNode, scanRoot (the
+/// scan's node and root), scanStart and scanStartSec (its start, ISO 8601
+/// UTC and seconds), so that the rows of many scans make one table.
+bool ExportEntries(const char* path, ExportFormat format, bool partial, ExportSink* sink, ReportScan* scan,
+                   bool scanColumns = false);

@@ -206,6 +206,7 @@ void AppendHtmlReport(std::string* out, const ReportScan& s, const HtmlOptions& 
                                     {"NOTE", note},
                                     {"TOTALS", Totals(s)},
                                     {"BOUND", bound},
+                                    {"HISTORY", o.history},
                                     {"TABLES", Tables(s, o.print)},
                                     {"FOOTER", Cat("Made by dtldump of Ferrovan ", FERROVAN_VERSION,
                                                    ". Everything this page shows is in this one file: it "

@@ -19,6 +19,7 @@ struct HtmlOptions {
     PrintOptions print;        ///< rows and depth of the tables, the cold age's name
     double minShare = 0.001;   ///< --min-share: directories and files below this share of the root's size are folded
     bool colourByAge = false;  ///< the treemap opens coloured by age of last modification
+    std::string history;       ///< --history: the section of sizes over time (reader/history.h), or ""
 };
 
 /// The default of --min-share, in percent of the root's size.

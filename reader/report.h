@@ -124,6 +124,12 @@ struct ReportScan {
     std::vector<ExtensionRow> extensions;  ///< largest bytes first
     std::vector<FileRow> largest;          ///< the largest files, largest first (walk order among equals)
     std::vector<FileRow> bigFiles;         ///< the files of at least fileShare of the root's size, in walk order
+    /// A report over several scans (reader/multiscan.h): the scans it sums,
+    /// each without its rows, and for each row of dirs the part it came
+    /// from; such a row's name is its whole logical path in that scan, and
+    /// its parent is itself. Both are empty in the report of one scan.
+    std::vector<ReportScan> parts;
+    std::vector<uint32_t> partOf;
 };
 
 /// Reads the detail file at path and gathers what options ask for. False

@@ -60,6 +60,7 @@ std::string PartialNote(const ReportScan& s) {
 }
 
 void AppendTextHead(std::string* out, const ReportScan& s, const char* label) {
+    if (!s.parts.empty()) return AppendPartsHead(out, s);
     *out += std::string(label) + "  ";
     AppendEscaped(out, s.path, false);
     if (s.compressed) *out += " (compressed)";
@@ -73,6 +74,7 @@ void AppendTextHead(std::string* out, const ReportScan& s, const char* label) {
 }
 
 void AppendJsonHead(std::string* out, const ReportScan& s) {
+    if (!s.parts.empty()) return AppendPartsJsonHead(out, s);
     AppendJsonMember(out, "file", s.path);
     AppendFormat(out, ", \"compressed\": %s, ", s.compressed ? "true" : "false");
     AppendJsonMember(out, "nodeName", s.strings.nodeName);
@@ -97,14 +99,33 @@ void AppendJsonHead(std::string* out, const ReportScan& s) {
     }
 }
 
-static void AppendJsonTally(std::string* out, const Tally& t) {
+void AppendJsonTally(std::string* out, const Tally& t) {
     AppendFormat(out, "\"entries\": %llu, \"files\": %llu, \"dirs\": %llu, \"bytes\": %llu",
                  static_cast<unsigned long long>(t.entries), static_cast<unsigned long long>(t.files),
                  static_cast<unsigned long long>(t.entries - t.files), static_cast<unsigned long long>(t.bytes));
 }
 
-static void AppendJsonPath(std::string* out, const ReportScan& s, std::string_view logical) {
-    AppendJsonMember(out, "path", FullPath(s.strings.rootPath, logical));
+const ReportScan& RowScan(const ReportScan& s, size_t row) { return s.parts.empty() ? s : s.parts[s.partOf[row]]; }
+
+std::string RowLogical(const ReportScan& s, size_t row) {
+    return s.parts.empty() ? DirPath(s.dirs, row) : s.dirs[row].name;
+}
+
+std::string RowCell(const ReportScan& s, size_t row) {
+    const ReportScan& scan = RowScan(s, row);
+    std::string path = CellPath(FullPath(scan.strings.rootPath, RowLogical(s, row)));
+    return s.parts.empty() ? path : Cat(CellPath(scan.strings.nodeName), ":", path);
+}
+
+void AppendJsonRowPath(std::string* out, const ReportScan& s, size_t row) {
+    const ReportScan& scan = RowScan(s, row);
+    std::string logical = RowLogical(s, row);
+    if (!s.parts.empty()) {
+        AppendFormat(out, "\"scan\": %u, ", s.partOf[row]);
+        AppendJsonMember(out, "nodeName", scan.strings.nodeName);
+        *out += ", ";
+    }
+    AppendJsonMember(out, "path", FullPath(scan.strings.rootPath, logical));
     *out += ", ";
     AppendJsonMember(out, "logicalPath", logical);
 }
@@ -139,8 +160,7 @@ TextTable TopTable(const ReportScan& s, const PrintOptions& o) {
     for (size_t i : TopOrder(s, o)) {
         const DirRow& d = s.dirs[i];
         t.rows.push_back({HumanSize(d.total.bytes), Number(d.total.bytes), Number(d.total.entries),
-                          Number(d.total.files), Number(d.total.entries - d.total.files),
-                          CellPath(FullPath(s.strings.rootPath, DirPath(s.dirs, i)))});
+                          Number(d.total.files), Number(d.total.entries - d.total.files), RowCell(s, i)});
     }
     return t;
 }
@@ -157,7 +177,7 @@ void PrintTop(std::string* out, const ReportScan& s, const PrintOptions& o) {
         for (size_t i = 0; i < order.size(); i++) {
             const DirRow& d = s.dirs[order[i]];
             *out += i ? ",\n  {" : "\n  {";
-            AppendJsonPath(out, s, DirPath(s.dirs, order[i]));
+            AppendJsonRowPath(out, s, order[i]);
             AppendFormat(out, ", \"depth\": %u, ", d.depth);
             AppendJsonTally(out, d.total);
             *out += '}';

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <string>
 
 #include "reader/report.h"
@@ -35,6 +36,11 @@ void PrintTypes(std::string* out, const ReportScan& scan, const PrintOptions& op
 /// diff: two scans of one root compared.
 void PrintDiff(std::string* out, const ReportScan& before, const ReportScan& after, const ScanDiff& diff,
                const PrintOptions& options);
+
+/// The rows of a comparison to show, ranked by key (largest first; only
+/// keys above 0), no deeper than the options allow, at most options.rows.
+std::vector<const DiffRow*> PickDiffRows(const std::vector<DiffRow>& rows, const PrintOptions& options,
+                                         const std::function<int64_t(const DiffRow&)>& key);
 
 /// The lines that say a report is partial, or "" for a complete one; for
 /// the head of a text report and for standard error.
@@ -77,6 +83,22 @@ void AppendJsonHead(std::string* out, const ReportScan& scan);
 /// largest key first (walk order among equals), at most options.rows.
 std::vector<size_t> RankedDirs(const std::vector<DirRow>& dirs, const PrintOptions& options,
                                uint64_t (*key)(const DirRow&));
+/// The scan a row of a report's directories came from: the report's own,
+/// or over several scans the part it names.
+const ReportScan& RowScan(const ReportScan& scan, size_t row);
+/// A row's logical path in its scan.
+std::string RowLogical(const ReportScan& scan, size_t row);
+/// A row's real path for a table cell; over several scans "node:/path".
+std::string RowCell(const ReportScan& scan, size_t row);
+/// A row's JSON members "path" and "logicalPath", over several scans after
+/// "scan" (the part's index) and "nodeName".
+void AppendJsonRowPath(std::string* out, const ReportScan& scan, size_t row);
+/// "entries", "files", "dirs" and "bytes" of a tally as JSON members.
+void AppendJsonTally(std::string* out, const Tally& tally);
+/// The heads of a report over several scans (reader/multiscan.cpp): a table
+/// of the scans, and the JSON member "scans" with each one's head.
+void AppendPartsHead(std::string* out, const ReportScan& scan);
+void AppendPartsJsonHead(std::string* out, const ReportScan& scan);
 /// A path for a table cell: escaped as text output escapes names.
 std::string CellPath(std::string_view path);
 std::string Number(uint64_t v);

@@ -16,11 +16,14 @@ set(FERROVAN_READER_SOURCES
   reader/dump.cpp
   reader/export.cpp
   reader/fileprint.cpp
+  reader/history.cpp
   reader/htmlpage.cpp
+  reader/multiscan.cpp
   reader/report.cpp
   reader/reportprint.cpp
   reader/textout.cpp
   reader/treemap.cpp
+  reader/trend.cpp
 )
 
 # The HTML report's page, style sheet and script stay files of their own in

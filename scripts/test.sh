@@ -3,7 +3,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-scripts/setup.sh --browser
+scripts/setup.sh --browser --duckdb
 cmake --preset release
 cmake --build --preset release
 ctest --preset release

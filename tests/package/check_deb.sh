@@ -1,10 +1,11 @@
 #!/usr/bin/env bash
 # Builds the Debian package from a build directory with cpack, into a scratch
 # directory, and checks what administrators get from it: its control fields
-# (name, version, architecture, a dependency on the C library only), its
-# exact file list, manual pages equal to the sources, and installed programs
-# that run, answer as the built ones do and read back a detail file written
-# by the installed scanner.
+# (name, version, architecture, a dependency on the C library only, the
+# maintainer the project names), its exact file list, manual pages and bash
+# completions equal to the sources, a copyright file and changelog, no error
+# from lintian, and installed programs that run, answer as the built ones do
+# and read back a detail file written by the installed scanner.
 # Usage: check_deb.sh CPACK BUILD_DIR SOURCE_DIR VERSION STATIC_RUNTIME
 set -euo pipefail
 
@@ -34,12 +35,20 @@ field() { dpkg-deb -f "$deb" "$1"; }
 [ "$(field Version)" = "$version" ] || fail "Version is '$(field Version)', expected $version"
 [ "$(field Architecture)" = "$arch" ] || fail "Architecture is '$(field Architecture)', expected $arch"
 [[ "$(field Depends)" =~ ^libc6\ \(\>=\ [0-9][0-9.]*\)$ ]] || fail "Depends is '$(field Depends)', expected libc6 only"
-[ -n "$(field Maintainer)" ] || fail "no Maintainer"
+contact=$(sed -n 's/^set(FERROVAN_CONTACT "\(.*\)")$/\1/p' "$source/CMakeLists.txt")
+[ -n "$contact" ] && [ "$(field Maintainer)" = "$contact" ] ||
+  fail "Maintainer is '$(field Maintainer)', not the project's contact '$contact'"
 [ "$(field Description | wc -l)" -gt 1 ] || fail "no long description"
 
-# Exactly the two programs and their compressed manual pages, under /usr.
+# Exactly the two programs, their compressed manual pages, their bash
+# completions, the copyright file, the changelog and lintian's overrides.
 files=$(dpkg-deb -c "$deb" | awk '$1 !~ /^d/ { print $1, $2, $6 }' | sort)
-expected="-rw-r--r-- root/root ./usr/share/man/man1/Ferrovan.1.gz
+expected="-rw-r--r-- root/root ./usr/share/bash-completion/completions/Ferrovan
+-rw-r--r-- root/root ./usr/share/bash-completion/completions/dtldump
+-rw-r--r-- root/root ./usr/share/doc/ferrovan/changelog.gz
+-rw-r--r-- root/root ./usr/share/doc/ferrovan/copyright
+-rw-r--r-- root/root ./usr/share/lintian/overrides/ferrovan
+-rw-r--r-- root/root ./usr/share/man/man1/Ferrovan.1.gz
 -rw-r--r-- root/root ./usr/share/man/man1/dtldump.1.gz
 -rwxr-xr-x root/root ./usr/bin/Ferrovan
 -rwxr-xr-x root/root ./usr/bin/dtldump"
@@ -54,6 +63,25 @@ for page in Ferrovan dtldump; do
   gzip -dc "$root/usr/share/man/man1/$page.1.gz" | cmp -s - "$source/docs/$page.1" ||
     fail "the manual page $page.1.gz is not docs/$page.1"
 done
+for program in Ferrovan dtldump; do
+  cmp -s "$root/usr/share/bash-completion/completions/$program" "$source/packaging/completion/$program" ||
+    fail "the bash completion of $program is not packaging/completion/$program"
+done
+grep -q "Copyright 20[0-9][0-9] $contact" "$root/usr/share/doc/ferrovan/copyright" ||
+  fail "the copyright file does not name $contact"
+gzip -dc "$root/usr/share/doc/ferrovan/changelog.gz" | head -n 1 | grep -q "^ferrovan ($version) " ||
+  fail "the changelog does not begin with version $version"
+
+# Debian's own checker: no error (tags that the package overrides, with
+# its reasons, are not errors).
+command -v lintian >/dev/null || fail "no lintian here (scripts/setup.sh installs it)"
+status=0
+lintian --fail-on error "$deb" >"$work/lintian.log" 2>&1 || status=$?
+if [ $status -ne 0 ] || grep -q '^E:' "$work/lintian.log"; then
+  cat "$work/lintian.log" >&2
+  fail "lintian reports errors"
+fi
+
 for program in Ferrovan dtldump; do
   deps=$(ldd "$root/usr/bin/$program" | awk '{ print $1 }' | grep -Ev '^(linux-vdso\.so|/lib64/ld-linux|libc\.so)' || true)
   [ -z "$deps" ] || fail "$program needs more than the C library: $deps"
@@ -81,4 +109,5 @@ echo data >"$work/tree/d/f"
 (cd "$work" && "$root/usr/bin/Ferrovan" "$work/tree" -dtl scan.dtl -f -zip >/dev/null) || fail "installed Ferrovan could not scan"
 summary=$("$root/usr/bin/dtldump" --summary "$work/scan.dtl") || fail "installed dtldump rejects the scan: $summary"
 grep -q "Structure: sound" <<<"$summary" || fail "installed dtldump: $summary"
-echo "ferrovan_${version}_${arch}.deb: $(field Depends); $(echo "$files" | wc -l) files; installed programs run"
+echo "ferrovan_${version}_${arch}.deb: $(field Depends); $(echo "$files" | wc -l) files; lintian:" \
+  "$(grep -c '^[WI]:' "$work/lintian.log" || true) warnings and notes, no error; installed programs run"

@@ -61,6 +61,9 @@ TEST(DtldumpCommands, ReadTheCommandLineAsDocumented) {
     const std::string sound = dir / "s.dtl", cut = dir / "cut.dtl", page = dir / "page.html";
     WriteFile(sound, sample.bytes);
     WriteFile(dir / "top", sample.bytes);  // a file named like a command
+    FakeScan elsewhere = SampleScan();
+    elsewhere.rootPath = "/elsewhere";
+    WriteFile(dir / "other.dtl", BuildDetail(elsewhere).bytes);
     WriteFile(cut, sample.bytes.substr(0, sample.recordPos.at("dir:/b") + 30));
     struct Case {
         std::vector<std::string> args;
@@ -73,7 +76,14 @@ TEST(DtldumpCommands, ReadTheCommandLineAsDocumented) {
         {{"./top"}, 0, "Structure: sound", ""},
         {{"--", "top"}, 0, "Structure: sound", ""},
         {{"top", "-n1", "--depth=0", "s.dtl"}, 0, "/data\n", ""},
-        {{"top"}, 1, "", "dtldump: top takes one detail file\nusage:"},
+        {{"top"}, 1, "", "dtldump: top takes one or more detail files\nusage:"},
+        {{"trend"}, 1, "", "dtldump: trend takes one or more detail files\nusage:"},
+        {{"export", "s.dtl", "s.dtl"}, 1, "", "dtldump: export takes one detail file\nusage:"},
+        {{"top", "--scan-columns", "s.dtl"}, 1, "", "option '--scan-columns' does not apply to top"},
+        {{"html", "s.dtl", "--history"}, 1, "", "option '--history' needs the files of earlier scans"},
+        {{"trend", "s.dtl", "other.dtl"}, 1, "",
+         "dtldump: trend follows one tree (one root on one node) from scan to scan: s.dtl is of \"/data\" on "},
+        {{"html", "s.dtl", "--history", "other.dtl"}, 1, "", "other.dtl is of \"/elsewhere\" on "},
         {{"diff", "s.dtl"}, 1, "", "diff takes two detail files: OLD NEW"},
         {{"top", "--by", "bogus", "s.dtl"}, 1, "", "--by takes size or entries, not 'bogus'"},
         {{"owners", "--depth", "2", "s.dtl"}, 1, "", "option '--depth' does not apply to owners"},
@@ -275,8 +285,11 @@ TEST(DtldumpCommands, RefuseDamagedAndUnfinishedFilesUnlessPartial) {
     // A damaged one: which fault it has is the reader's test.
     const FakeFile sample = BuildDetail(SampleScan());
     ScopedTempDir dir;
-    const std::string sound = dir / "sound.dtl", cut = dir / "cut.dtl";
+    const std::string sound = dir / "sound.dtl", cut = dir / "cut.dtl", elsewhere = dir / "elsewhere.dtl";
     WriteFile(sound, sample.bytes);
+    FakeScan other = SampleScan();
+    other.rootPath = "/elsewhere";
+    WriteFile(elsewhere, BuildDetail(other).bytes);
     WriteFile(cut, sample.bytes.substr(0, sample.recordPos.at("dir:/b") + 30));
     struct Input {
         std::string path;
@@ -288,10 +301,13 @@ TEST(DtldumpCommands, RefuseDamagedAndUnfinishedFilesUnlessPartial) {
         ASSERT_FALSE(DtlCheckFile(in.path.c_str(), &fault));
         const std::string refusal =
             "dtldump: " + in.path + ": offset " + std::to_string(fault.offset) + ": " + fault.message + "\n";
-        for (const char* command : {"top", "owners", "age", "types", "export", "diff", "html"}) {
+        // Among several files the faulty one is named; trend takes it twice, as one tree's scans.
+        for (const char* command : {"top", "owners", "age", "types", "export", "diff", "html", "trend", "several"}) {
             SCOPED_TRACE(std::string(command) + " " + in.path);
             std::vector<std::string> args = {command, in.path};
             if (args[0] == "diff") args.insert(args.begin() + 1, {"--force", sound});
+            if (args[0] == "trend") args.push_back(in.path);
+            if (args[0] == "several") args = {"types", elsewhere, in.path};
             RunResult refused = RunDtldump(args);
             EXPECT_EQ(refused.status, 1);
             EXPECT_EQ(refused.err, refusal);

@@ -6,6 +6,7 @@ list(APPEND FERROVAN_TEST_SOURCES
   reader/dtlread_test.cpp
   reader/files_test.cpp
   reader/html_test.cpp
+  reader/multiscan_test.cpp
   reader/report_test.cpp
   reader/scantree.cpp
   reader/textout_test.cpp
