@@ -2,16 +2,21 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <malloc.h>
 #include <pthread.h>
+#include <sched.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <set>
+#include <new>
+#include <vector>
 
 #include "config/roots.h"
 #include "config/templates.h"
@@ -44,14 +49,18 @@ struct AheadJob {
     uint32_t deferred;        // entries left for the walk to examine: it needs fd
     AheadPiece* head;         // pieces made and not yet taken by the walk, in order
     AheadPiece* tail;
+    // The open's outcome is known (fd, or openError): stored last, under the
+    // lock, so that the walk may read it, and all written before it,
+    // without the lock.
+    std::atomic<bool> opened;
     bool opening;             // a thread is opening it
-    bool opened;              // the open is over (fd, or openError)
-    bool reading;             // a thread is in getdents64 on fd
+    bool reading;             // a thread holds the listing: it reads and may examine privately
     bool listedAll;           // no more pieces will come (end, error, limit or failed open)
     bool overLimit;           // the listing ended at an entry over the limits: the run ends there
     bool entriesDone;         // the walk has taken every piece
     bool queuedOpen;          // in toOpen
     bool queuedRead;          // in toRead
+    uint32_t slot;            // its place in toOpen or toRead (never in both)
 };
 
 namespace {
@@ -64,12 +73,61 @@ bool KeyLess(const AheadJob* a, const AheadJob* b) {
     return a->keyLength < b->keyLength;
 }
 
-struct JobOrder {
-    bool operator()(const AheadJob* a, const AheadJob* b) const { return KeyLess(a, b); }
-};
-struct PieceOrder {
-    bool operator()(const AheadPiece* a, const AheadPiece* b) const {
-        return a->job == b->job ? a->first < b->first : KeyLess(a->job, b->job);
+bool PieceLess(const AheadPiece* a, const AheadPiece* b) {
+    return a->job == b->job ? a->first < b->first : KeyLess(a->job, b->job);
+}
+
+// A queue of the helpers' work, least first: a binary heap whose elements
+// know their place in it, so that one can leave from anywhere (the walk
+// takes what it needs now). It allocates only when it grows.
+template <typename T, bool (*Less)(const T*, const T*)>
+struct WorkQueue {
+    std::vector<T*> items;
+
+    bool empty() const { return items.empty(); }
+    T* top() const { return items.front(); }
+    void clear() { items.clear(); }
+    void insert(T* item) {
+        items.push_back(item);
+        Up(static_cast<uint32_t>(items.size() - 1));
+    }
+    void erase(T* item) {
+        uint32_t at = item->slot;
+        T* last = items.back();
+        items.pop_back();
+        if (last == item) return;
+        Place(last, at);
+        Up(at);
+        Down(last->slot);
+    }
+
+  private:
+    void Place(T* item, uint32_t at) {
+        items[at] = item;
+        item->slot = at;
+    }
+    void Up(uint32_t at) {
+        T* item = items[at];
+        while (at > 0) {
+            uint32_t parent = (at - 1) / 2;
+            if (!Less(item, items[parent])) break;
+            Place(items[parent], at);
+            at = parent;
+        }
+        Place(item, at);
+    }
+    void Down(uint32_t at) {
+        T* item = items[at];
+        const uint32_t n = static_cast<uint32_t>(items.size());
+        for (;;) {
+            uint32_t child = 2 * at + 1;
+            if (child >= n) break;
+            if (child + 1 < n && Less(items[child + 1], items[child])) child++;
+            if (!Less(items[child], item)) break;
+            Place(items[child], at);
+            at = child;
+        }
+        Place(item, at);
     }
 };
 
@@ -84,15 +142,22 @@ struct AheadState {
     AuditRoot* root;
     bool dirTemplates;            // children's logical paths are needed to select them
     AheadJob* rootJob;
-    AheadJob* walkWaitsFor;
-    std::set<AheadJob*, JobOrder> toOpen;      // handed out, not yet opened
-    std::set<AheadJob*, JobOrder> toRead;      // opened, listing not over, nobody reading
-    std::set<AheadPiece*, PieceOrder> toExamine;  // pieces with slices nobody has taken
+    // The job the walk waits for: set under the lock; a helper may peek at
+    // it without, to hand over early what the walk waits for.
+    std::atomic<AheadJob*> walkWaitsFor;
+    WorkQueue<AheadJob, KeyLess> toOpen;          // handed out, not yet opened
+    WorkQueue<AheadJob, KeyLess> toRead;          // opened, listing not over, nobody reading
+    WorkQueue<AheadPiece, PieceLess> toExamine;   // pieces with slices nobody has taken
     size_t bytesAhead;            // pieces made and not yet released by the walk
     size_t openDirs;              // directory descriptors open
     size_t dirBudget;             // open directory descriptors helpers may reach
     uint32_t helpers;             // helper threads started
     uint32_t idle;                // helpers waiting on work
+    uint32_t working;             // helpers at work
+    uint32_t allowed;             // helpers that may work at once (see PaceHelpers)
+    uint32_t fastAllowed;         // that number while the file system answers at memory speed
+    uint32_t timed;               // calls timed in the current window
+    uint32_t slowCalls;           // of those, the ones that had to wait
     bool stopping;
     char* walkBuffer;             // the walk's own getdents64 buffer
     pthread_t threads[AHEAD_MAX_THREADS];
@@ -121,7 +186,49 @@ void Seam(AheadEvent event, const AheadJob* job, bool onHelper) {
 }
 
 void Wake(uint32_t n) {
-    for (uint32_t i = 0; i < n && i < ahead->idle; i++) pthread_cond_signal(&ahead->work);
+    uint32_t room = ahead->allowed > ahead->working ? ahead->allowed - ahead->working : 0;
+    for (uint32_t i = 0; i < n && i < ahead->idle && i < room; i++) pthread_cond_signal(&ahead->work);
+}
+
+// How many helpers work at once. A file system that answers from memory
+// keeps a thread busy on a processor for every call: many more helpers than
+// processors then only take turns, and take time from the walk. One that
+// makes threads wait for every answer (a cold disk, a server across a
+// network) is as fast as the number of questions asked at once. Helpers
+// time one call in four (a clock read in the vDSO, no system call); a
+// window with enough slow calls lets all of them work, one without brings
+// them back to twice the processors' number.
+constexpr int64_t SLOW_CALL_NS = 100000;
+constexpr uint32_t PACE_WINDOW = 64;
+thread_local uint32_t callsSeen, callsTimed, callsSlow;
+
+int64_t Now() {
+    struct timespec t;
+    clock_gettime(CLOCK_MONOTONIC, &t);
+    return static_cast<int64_t>(t.tv_sec) * 1000000000 + t.tv_nsec;
+}
+
+// Whether this helper times its next call.
+bool TimeCall(bool onHelper) { return onHelper && (++callsSeen & 3) == 0; }
+
+void NoteCall(int64_t since) {
+    callsTimed++;
+    if (Now() - since > SLOW_CALL_NS) callsSlow++;
+}
+
+// Under the lock: a helper's timings join the window, which sets the pace
+// once full.
+void PaceHelpers() {
+    ahead->timed += callsTimed;
+    ahead->slowCalls += callsSlow;
+    callsTimed = callsSlow = 0;
+    if (ahead->timed < PACE_WINDOW) return;
+    bool slow = ahead->slowCalls * 16 >= ahead->timed;
+    uint32_t allowed = slow ? ahead->helpers : ahead->fastAllowed;
+    ahead->timed = ahead->slowCalls = 0;
+    if (allowed == ahead->allowed) return;
+    ahead->allowed = allowed;
+    Wake(ahead->idle);
 }
 
 void TellWalk(const AheadJob* job) {
@@ -210,8 +317,7 @@ AheadJob* NewChild(AheadJob* job, const char* name, uint32_t nameLength, uint32_
     }
     size_t keyBytes = (job->keyLength + 1) * sizeof(uint32_t);
     size_t size = sizeof(AheadJob) + keyBytes + nameLength + 1 + (ahead->dirTemplates ? pathLength + 1 : 0);
-    auto* child = static_cast<AheadJob*>(AheadAlloc(size, onHelper));
-    memset(child, 0, sizeof *child);
+    auto* child = new (AheadAlloc(size, onHelper)) AheadJob();
     auto* key = reinterpret_cast<uint32_t*>(child + 1);
     if (job->keyLength != 0) memcpy(key, job->key, job->keyLength * sizeof(uint32_t));
     key[job->keyLength] = ordinal;
@@ -236,7 +342,11 @@ AheadJob* NewChild(AheadJob* job, const char* name, uint32_t nameLength, uint32_
 // several names is read then, and left alone otherwise.
 AheadJob* Examine(AheadJob* job, AheadEntry* entry, uint32_t ordinal, bool onHelper, bool inWalkOrder) {
     struct stat st;
-    if (fstatat(job->fd, entry->name, &st, AT_SYMLINK_NOFOLLOW) != 0) {
+    bool timing = TimeCall(onHelper);
+    int64_t since = timing ? Now() : 0;
+    int failed = fstatat(job->fd, entry->name, &st, AT_SYMLINK_NOFOLLOW);
+    if (timing) NoteCall(since);
+    if (failed != 0) {
         entry->status = errno;
         return nullptr;
     }
@@ -343,19 +453,22 @@ ReadResult ReadPiece(AheadJob* job, char* buffer, bool onHelper) {
         result.end = true;
         return result;
     }
+    // Where each name is and how long, found once: a record takes 24 bytes at least.
+    struct Found {
+        uint32_t at;
+        uint32_t length;
+    } found[AHEAD_READ_SIZE / 24];
     uint32_t count = 0;
     size_t nameBytes = 0;
-    ssize_t stop = got;
     for (ssize_t at = 0; at < got;) {
         const auto* d = reinterpret_cast<const struct dirent64*>(buffer + at);
         at += d->d_reclen;
         if (IsDotOrDotDot(d->d_name)) continue;
         size_t length = strlen(d->d_name);
-        count++;
+        found[count++] = {static_cast<uint32_t>(d->d_name - buffer), static_cast<uint32_t>(length)};
         nameBytes += length + 1;
         if (job->accessLength + 1 + length + 1 > ACCESS_PATH_SIZE || length >= ENTRY_NAME_SIZE) {
             result.overLimit = result.end = true;
-            stop = at;
             break;
         }
     }
@@ -370,138 +483,218 @@ ReadResult ReadPiece(AheadJob* job, char* buffer, bool onHelper) {
     piece->bytes = size;
     piece->entries = reinterpret_cast<AheadEntry*>(piece + 1);
     char* names = reinterpret_cast<char*>(piece->entries + count);
-    uint32_t i = 0;
-    for (ssize_t at = 0; at < stop;) {
-        const auto* d = reinterpret_cast<const struct dirent64*>(buffer + at);
-        at += d->d_reclen;
-        if (IsDotOrDotDot(d->d_name)) continue;
-        AheadEntry* entry = &piece->entries[i++];
-        size_t length = strlen(d->d_name);
+    for (uint32_t i = 0; i < count; i++) {
+        AheadEntry* entry = &piece->entries[i];
         memset(entry, 0, sizeof *entry);
-        memcpy(names, d->d_name, length + 1);
+        memcpy(names, buffer + found[i].at, found[i].length + 1);
         entry->name = names;
-        entry->nameLength = static_cast<uint32_t>(length);
-        names += length + 1;
+        entry->nameLength = found[i].length;
+        names += found[i].length + 1;
     }
     if (result.overLimit) piece->entries[count - 1].status = AHEAD_OVER_LIMIT;
     result.piece = piece;
     return result;
 }
 
-// Under the lock: a batch has been read. A reader that goes on (a helper)
-// keeps its claim and the piece's first slice; otherwise the claim ends and
-// the rest of the listing is queued for whoever comes first.
-AheadPiece* AddPiece(AheadJob* job, const ReadResult& result, bool goOn) {
-    AheadPiece* own = nullptr;
-    if (AheadPiece* piece = result.piece) {
-        if (job->tail) {
-            job->tail->next = piece;
+// What a thread has read and examined of a listing it holds, since it last
+// handed its work over: pieces in order (those examined already marked so),
+// the children found in listing order, the entries left for the walk, and
+// how the listing stands.
+struct Round {
+    AheadPiece* head;
+    AheadPiece* tail;
+    size_t bytes;
+    SliceResult found;
+    bool opening;   // the round began with the open, whose outcome it hands over
+    int openError;
+    bool end;       // the listing is over
+    bool overLimit;
+    int readError;
+};
+
+void Append(Round* round, AheadPiece* piece) {
+    if (round->tail) {
+        round->tail->next = piece;
+    } else {
+        round->head = piece;
+    }
+    round->tail = piece;
+    round->bytes += piece->bytes;
+}
+
+void AddFound(SliceResult* into, const SliceResult& more) {
+    if (more.children) {
+        if (into->last) {
+            into->last->nextChild = more.children;
         } else {
-            job->head = piece;
+            into->children = more.children;
         }
-        job->tail = piece;
-        job->listed += piece->count;
-        job->unexamined++;
-        ahead->bytesAhead += piece->bytes;
-        if (goOn) {
-            piece->claimed = 1;
-            own = piece;
-        }
-        if (ahead->helpers != 0 && piece->claimed < piece->slices) {
-            ahead->toExamine.insert(piece);
-            Wake(piece->slices - piece->claimed);
+        into->last = more.last;
+    }
+    into->made += more.made;
+    into->deferred += more.deferred;
+}
+
+// Reads one batch into the round, without the lock; the reader's claim
+// keeps job->listed its own. Returns the new piece (or null).
+AheadPiece* ReadInto(Round* round, AheadJob* job, char* buffer, bool onHelper) {
+    ReadResult result = ReadPiece(job, buffer, onHelper);
+    if (result.end) {
+        round->end = true;
+        round->overLimit = result.overLimit;
+        round->readError = result.error;
+    }
+    if (result.piece) {
+        job->listed += result.piece->count;
+        Append(round, result.piece);
+    }
+    return result.piece;
+}
+
+// Under the lock: everything of the round is handed over. The open's
+// outcome is published last, so that the walk, which reads it without the
+// lock, finds everything else in place.
+void HandOver(AheadJob* job, Round* round) {
+    if (round->opening) {
+        job->opening = false;
+        job->openError = round->openError;
+        if (job->fd < 0) ahead->openDirs--;
+        if (job->parent) {
+            job->parent->unopened--;
+            ReleaseIfDone(job->parent);
         }
     }
-    if (result.end) {
+    uint32_t toShare = 0;
+    for (AheadPiece* piece = round->head; piece; piece = piece->next) {
+        if (piece->done == piece->slices) continue;
+        job->unexamined++;
+        if (ahead->helpers == 0) continue;
+        ahead->toExamine.insert(piece);
+        toShare += piece->slices - piece->claimed;
+    }
+    if (round->head) {
+        if (job->tail) {
+            job->tail->next = round->head;
+        } else {
+            job->head = round->head;
+        }
+        job->tail = round->tail;
+        ahead->bytesAhead += round->bytes;
+    }
+    if (round->found.children) {
+        round->found.last->nextChild = job->children;
+        job->children = round->found.children;
+    }
+    job->unopened += round->found.made;
+    job->deferred += round->found.deferred;
+    if (round->end) {
         job->reading = false;
         job->listedAll = true;
-        job->readError = result.error;
-        job->overLimit = result.overLimit;
-        HandOutChildren(job);
-        ReleaseIfDone(job);
-    } else if (!goOn) {
-        job->reading = false;
-        QueueRead(job);
+        job->readError = round->readError;
+        job->overLimit = round->overLimit;
     }
+    HandOutChildren(job);
+    ReleaseIfDone(job);
+    Wake(toShare);
     TellWalk(job);
-    return own;
+    if (round->opening) job->opened.store(true, std::memory_order_release);
+    *round = Round{};
 }
 
-// The walk reads one batch of a listing it waits for.
-void ReadClaimed(AheadJob* job, char* buffer) {
-    if (job->queuedRead) ahead->toRead.erase(job);
-    job->queuedRead = false;
-    job->reading = true;
+// A helper's visit to a listing it has claimed (to open it, or to read on),
+// under the lock on entry and on return. Outside the lock it opens, reads
+// batch after batch and examines a batch of one slice itself, so that a
+// small directory goes from open to examined in one visit and one handover.
+// A larger batch is handed over at once for all to examine; the visit then
+// lets the listing go, and the helpers' order decides what comes next.
+void Visit(AheadJob* job, char* buffer, bool opening) {
+    Round round{};
+    round.opening = opening;
     Unlock();
-    ReadResult result = ReadPiece(job, buffer, false);
-    pthread_mutex_lock(&ahead->lock);
-    AddPiece(job, result, false);
-}
-
-// A helper's turn at a listing: it reads batch after batch and examines each
-// batch's first slice itself (a small directory is then listed and examined
-// in one visit), leaving the other slices to whoever is free, until the
-// listing is over or the budget is spent.
-void ListOn(AheadJob* job, char* buffer) {
-    if (job->queuedRead) ahead->toRead.erase(job);
-    job->queuedRead = false;
-    job->reading = true;
+    if (opening) {
+        Seam(AHEAD_OPEN, job, true);
+        // Below the root a directory replaced by a link fails to open
+        // instead of leading the walk elsewhere.
+        int flags = O_RDONLY | O_DIRECTORY | O_CLOEXEC | (job->parent ? O_NOFOLLOW : 0);
+        int64_t since = Now();
+        job->fd = openat(job->parent ? job->parent->fd : AT_FDCWD, job->name, flags);
+        int error = errno;
+        NoteCall(since);
+        if (job->fd < 0) {
+            round.openError = error;
+            round.end = true;
+            if (round.openError == EMFILE || round.openError == ENFILE) {
+                // No descriptor left: the job goes back, the helpers stop
+                // opening, and the walk opens it (and reports) itself.
+                pthread_mutex_lock(&ahead->lock);
+                job->opening = job->reading = false;
+                ahead->openDirs--;
+                ahead->dirBudget = std::min(ahead->dirBudget, ahead->openDirs);
+                TellWalk(job);
+                return;
+            }
+        }
+    }
     for (;;) {
-        Unlock();
-        ReadResult result = ReadPiece(job, buffer, true);
+        bool share = false;
+        while (!round.end && !share && round.bytes < AHEAD_ROUND_BYTES) {
+            AheadPiece* piece = ReadInto(&round, job, buffer, true);
+            if (piece && piece->slices == 1) {
+                AddFound(&round.found, ExamineSlice(piece, 0, true));
+                piece->claimed = piece->done = 1;
+            } else if (piece) {
+                share = true;
+            }
+            if (ahead->walkWaitsFor.load(std::memory_order_relaxed) == job) break;
+        }
         pthread_mutex_lock(&ahead->lock);
-        if (AheadPiece* own = AddPiece(job, result, true)) ExamineClaimed(own, 0, true);
-        if (job->listedAll) return;
-        if (!MayGrow()) {
+        bool over = round.end;
+        HandOver(job, &round);
+        if (over) return;
+        if (share || !MayGrow()) {
             job->reading = false;
             QueueRead(job);
             TellWalk(job);
             return;
         }
+        Unlock();
     }
 }
 
-// Opens a claimed job without the lock, then records the outcome under it.
-// A helper that finds no descriptor left gives the job back and stops
-// opening; the walk reports what it meets itself. Returns true when the
-// directory is open and the caller, a helper, goes on to list it.
-bool OpenClaimed(AheadJob* job, bool onHelper) {
+// The walk reads one batch of a listing it waits for and hands it over for
+// all to examine; helpers may read on.
+void ReadOnWalk(AheadJob* job) {
+    if (job->queuedRead) ahead->toRead.erase(job);
+    job->queuedRead = false;
+    job->reading = true;
+    Unlock();
+    Round round{};
+    ReadInto(&round, job, ahead->walkBuffer, false);
+    pthread_mutex_lock(&ahead->lock);
+    bool over = round.end;
+    HandOver(job, &round);
+    if (!over) {
+        job->reading = false;
+        QueueRead(job);
+    }
+}
+
+// The walk opens a directory it needs now, and reads it itself after.
+void OpenOnWalk(AheadJob* job) {
     if (job->queuedOpen) ahead->toOpen.erase(job);
     job->queuedOpen = false;
     job->opening = true;
     ahead->openDirs++;
     Unlock();
-    Seam(AHEAD_OPEN, job, onHelper);
-    // Below the root a directory replaced by a link fails to open instead of
-    // leading the walk elsewhere.
+    Seam(AHEAD_OPEN, job, false);
     int flags = O_RDONLY | O_DIRECTORY | O_CLOEXEC | (job->parent ? O_NOFOLLOW : 0);
-    int fd = openat(job->parent ? job->parent->fd : AT_FDCWD, job->name, flags);
-    int error = fd < 0 ? errno : 0;
+    job->fd = openat(job->parent ? job->parent->fd : AT_FDCWD, job->name, flags);
+    Round round{};
+    round.opening = true;
+    round.openError = job->fd < 0 ? errno : 0;
+    round.end = job->fd < 0;
     pthread_mutex_lock(&ahead->lock);
-    job->opening = false;
-    if (fd < 0) ahead->openDirs--;
-    if (fd < 0 && onHelper && (error == EMFILE || error == ENFILE)) {
-        ahead->dirBudget = std::min(ahead->dirBudget, ahead->openDirs);
-        TellWalk(job);
-        return false;
-    }
-    job->opened = true;
-    job->fd = fd;
-    job->openError = error;
-    if (job->parent) {
-        job->parent->unopened--;
-        ReleaseIfDone(job->parent);
-    }
-    TellWalk(job);
-    if (fd < 0) {
-        job->listedAll = true;
-        return false;
-    }
-    // The walk, which opened it because it needs it now, reads it itself.
-    if (!onHelper) return false;
-    if (MayGrow()) return true;
-    QueueRead(job);
-    return false;
+    HandOver(job, &round);
 }
 
 enum class Work { NONE, EXAMINE, READ, OPEN };
@@ -513,14 +706,14 @@ Work PickWork(AheadPiece** piece, AheadJob** job) {
     Work best = Work::NONE;
     const AheadJob* bestJob = nullptr;
     if (!ahead->toExamine.empty()) {
-        *piece = *ahead->toExamine.begin();
+        *piece = ahead->toExamine.top();
         best = Work::EXAMINE;
         bestJob = (*piece)->job;
     }
     if (!MayGrow()) return best;
     // For the same directory its read pieces come before its next batch.
     if (!ahead->toRead.empty()) {
-        AheadJob* next = *ahead->toRead.begin();
+        AheadJob* next = ahead->toRead.top();
         if (!bestJob || KeyLess(next, bestJob)) {
             *job = next;
             best = Work::READ;
@@ -528,7 +721,7 @@ Work PickWork(AheadPiece** piece, AheadJob** job) {
         }
     }
     if (!ahead->toOpen.empty() && ahead->openDirs < ahead->dirBudget) {
-        AheadJob* next = *ahead->toOpen.begin();
+        AheadJob* next = ahead->toOpen.top();
         if (!bestJob || KeyLess(next, bestJob)) {
             *job = next;
             best = Work::OPEN;
@@ -543,22 +736,42 @@ void* HelperMain(void*) {
     while (!ahead->stopping) {
         AheadPiece* piece = nullptr;
         AheadJob* job = nullptr;
-        switch (PickWork(&piece, &job)) {
+        PaceHelpers();
+        Work work = ahead->working < ahead->allowed ? PickWork(&piece, &job) : Work::NONE;
+        if (work != Work::NONE) ahead->working++;
+        switch (work) {
             case Work::EXAMINE: ExamineClaimed(piece, ClaimSlice(piece), true); break;
-            case Work::READ: ListOn(job, buffer); break;
+            case Work::READ:
+                ahead->toRead.erase(job);
+                job->queuedRead = false;
+                job->reading = true;
+                Visit(job, buffer, false);
+                break;
             case Work::OPEN:
-                if (OpenClaimed(job, true)) ListOn(job, buffer);
+                ahead->toOpen.erase(job);
+                job->queuedOpen = false;
+                job->opening = job->reading = true;
+                ahead->openDirs++;
+                Visit(job, buffer, true);
                 break;
             case Work::NONE:
                 ahead->idle++;
                 pthread_cond_wait(&ahead->work, &ahead->lock);
                 ahead->idle--;
-                break;
+                continue;
         }
+        ahead->working--;
     }
     Unlock();
     free(buffer);
     return nullptr;
+}
+
+// The processors this process may run on.
+uint32_t Processors() {
+    cpu_set_t set;
+    if (sched_getaffinity(0, sizeof set, &set) != 0) return 1;
+    return static_cast<uint32_t>(CPU_COUNT(&set));
 }
 
 // Open directories helpers may hold: the soft descriptor limit, raised to
@@ -588,13 +801,19 @@ void ReadLinkTarget(int dirFd, const char* name, size_t lstatSize, char* out) {
 
 void AheadStart(AuditRoot* root, uint32_t threads) {
     ahead = new AheadState();
-    pthread_mutex_init(&ahead->lock, nullptr);
+    // Held for a few instructions at a time by many threads: spinning a
+    // little beats sleeping in the kernel.
+    pthread_mutexattr_t attr;
+    pthread_mutexattr_init(&attr);
+    pthread_mutexattr_settype(&attr, PTHREAD_MUTEX_ADAPTIVE_NP);
+    pthread_mutex_init(&ahead->lock, &attr);
+    pthread_mutexattr_destroy(&attr);
     pthread_cond_init(&ahead->work, nullptr);
     pthread_cond_init(&ahead->walk, nullptr);
     ahead->root = root;
     ahead->dirTemplates = root->includeDirs || root->excludeDirs;
     ahead->walkBuffer = static_cast<char*>(GetMem(AHEAD_READ_SIZE, "directory buffer"));
-    auto* job = static_cast<AheadJob*>(GetMem(sizeof(AheadJob), "read-ahead"));
+    auto* job = new (GetMem(sizeof(AheadJob), "read-ahead")) AheadJob();
     job->name = root->path;
     job->logicalPath = "/";
     job->level = 1;
@@ -603,7 +822,15 @@ void AheadStart(AuditRoot* root, uint32_t threads) {
     ahead->rootJob = job;
     if (threads <= 1) return;
     ahead->dirBudget = DirectoryBudget();
+    // A helper's pieces are freed by the walk: with an arena of the
+    // allocator's own per thread, each would keep the memory its pieces
+    // once took. Two serve the walk and its helpers.
+    mallopt(M_ARENA_MAX, 2);
     uint32_t wanted = std::min(threads, AHEAD_MAX_THREADS) - 1;
+    // Two a processor: while one waits for the lock or for the walk,
+    // another has work in hand (one a processor left the walk waiting).
+    ahead->fastAllowed = 2 * Processors();
+    ahead->allowed = ahead->fastAllowed;
     pthread_mutex_lock(&ahead->lock);
     ahead->toOpen.insert(job);
     job->queuedOpen = true;
@@ -634,21 +861,30 @@ void AheadStop() {
 AheadJob* AheadRootJob() { return ahead->rootJob; }
 
 int AheadOpen(AheadJob* job) {
-    pthread_mutex_lock(&ahead->lock);
-    while (!job->opened) {
-        if (job->opening) {
-            WaitFor(job);
-        } else {
-            OpenClaimed(job, false);
+    // Most directories were opened ahead: their outcome is read without the lock.
+    if (!job->opened.load(std::memory_order_acquire)) {
+        pthread_mutex_lock(&ahead->lock);
+        while (!job->opened.load(std::memory_order_relaxed)) {
+            if (job->opening) {
+                WaitFor(job);
+            } else {
+                OpenOnWalk(job);
+            }
         }
+        Unlock();
     }
-    int error = job->openError;
-    Unlock();
-    return error;
+    return job->openError;
 }
 
-AheadPiece* AheadNext(AheadJob* job) {
+AheadPiece* AheadNext(AheadJob* job, AheadPiece* done) {
     pthread_mutex_lock(&ahead->lock);
+    if (done) {
+        // Helpers that stopped for the budget go on once a quarter of it is free.
+        constexpr size_t resume = AHEAD_BUDGET_BYTES / 4 * 3;
+        bool wasFull = ahead->bytesAhead >= resume;
+        ahead->bytesAhead -= done->bytes;
+        if (wasFull && ahead->bytesAhead < resume) Wake(ahead->idle);
+    }
     AheadPiece* taken = nullptr;
     for (;;) {
         AheadPiece* piece = job->head;
@@ -661,27 +897,23 @@ AheadPiece* AheadNext(AheadJob* job) {
         if (piece && piece->claimed < piece->slices) {
             ExamineClaimed(piece, ClaimSlice(piece), false);
         } else if (!piece && job->listedAll) {
+            // The walk has taken every piece: the descriptor may go once the
+            // children that need it are open.
+            job->entriesDone = true;
+            ReleaseIfDone(job);
             break;
         } else if (!piece && !job->reading) {
-            ReadClaimed(job, ahead->walkBuffer);
+            ReadOnWalk(job);
         } else {
             WaitFor(job);
         }
     }
     Unlock();
+    if (done) {
+        for (uint32_t i = 0; i < done->count; i++) free(done->entries[i].target);
+        free(done);
+    }
     return taken;
-}
-
-void AheadRelease(AheadPiece* piece) {
-    for (uint32_t i = 0; i < piece->count; i++) free(piece->entries[i].target);
-    pthread_mutex_lock(&ahead->lock);
-    // Helpers that stopped for the budget go on once a quarter of it is free.
-    constexpr size_t resume = AHEAD_BUDGET_BYTES / 4 * 3;
-    bool wasFull = ahead->bytesAhead >= resume;
-    ahead->bytesAhead -= piece->bytes;
-    if (wasFull && ahead->bytesAhead < resume) Wake(ahead->idle);
-    Unlock();
-    free(piece);
 }
 
 void AheadExamine(AheadPiece* piece, uint32_t index) {
@@ -700,23 +932,20 @@ void AheadExamine(AheadPiece* piece, uint32_t index) {
 
 int AheadReadError(const AheadJob* job) { return job->readError; }
 
-void AheadEntriesDone(AheadJob* job) {
-    pthread_mutex_lock(&ahead->lock);
-    job->entriesDone = true;
-    ReleaseIfDone(job);
-    Unlock();
-}
-
 void AheadLeave(AheadJob* job) {
-    // Every piece has been taken and every child opened: no other thread
-    // holds the job, and it sits in no queue.
-    pthread_mutex_lock(&ahead->lock);
-    if (job->queuedOpen) ahead->toOpen.erase(job);
-    if (job->queuedRead) ahead->toRead.erase(job);
-    int fd = job->fd;
-    if (fd >= 0) ahead->openDirs--;
+    // Every piece has been taken and every child opened, each under the lock
+    // or seen through its published open: what helpers last wrote to the job
+    // is visible here, and none of them holds it any more. Its descriptor is
+    // closed already, but for one whose open failed.
+    if (job->fd >= 0 || job->queuedOpen || job->queuedRead) {
+        pthread_mutex_lock(&ahead->lock);
+        if (job->queuedOpen) ahead->toOpen.erase(job);
+        if (job->queuedRead) ahead->toRead.erase(job);
+        int fd = job->fd;
+        if (fd >= 0) ahead->openDirs--;
+        Unlock();
+        if (fd >= 0) close(fd);
+    }
     if (job == ahead->rootJob) ahead->rootJob = nullptr;
-    Unlock();
-    if (fd >= 0) close(fd);
     free(job);
 }

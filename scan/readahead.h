@@ -40,9 +40,12 @@ struct AheadJob;
 
 /// Bytes of examined listings held ahead of the walk, at the most, before
 /// helpers wait for the walk to take them.
-constexpr size_t AHEAD_BUDGET_BYTES = 8u << 20;
+constexpr size_t AHEAD_BUDGET_BYTES = 4u << 20;
 /// Bytes asked of one getdents64: a piece of listing holds what one call returns.
 constexpr size_t AHEAD_READ_SIZE = 32u << 10;
+/// Bytes of pieces a helper reads and examines on its own before it hands
+/// them over to the walk and the other helpers.
+constexpr size_t AHEAD_ROUND_BYTES = 64u << 10;
 /// Entries of a piece examined by one thread in one go; the pieces of a large
 /// directory are shared among the helpers this many entries at a time.
 constexpr uint32_t AHEAD_SLICE = 32;
@@ -87,6 +90,7 @@ struct AheadPiece {
     uint32_t claimed;      ///< slices a thread has taken
     uint32_t done;         ///< slices examined
     size_t bytes;          ///< memory held, counted against the budget
+    uint32_t slot;         ///< its place in the helpers' queue while slices are left
     AheadEntry* entries;   ///< count entries
 };
 
@@ -113,20 +117,17 @@ AheadJob* AheadRootJob();
 /// Opens job's directory unless a helper has (waiting for one that is at
 /// it). Returns 0, or the errno of the failed open, which then is final.
 int AheadOpen(AheadJob* job);
-/// The next piece of job's opened directory in listing order, every entry
-/// examined but those left AHEAD_UNEXAMINED, or null when the listing is
-/// over. The piece is the caller's until AheadRelease.
-AheadPiece* AheadNext(AheadJob* job);
-/// Gives back a piece the walk has recorded.
-void AheadRelease(AheadPiece* piece);
+/// Gives back done, the piece the walk has recorded (null at first), and
+/// returns the next piece of job's opened directory in listing order, every
+/// entry examined but those left AHEAD_UNEXAMINED, or null when the listing
+/// is over: the walk has then taken every piece, and the directory's
+/// descriptor goes as soon as the subdirectories that need it are opened.
+AheadPiece* AheadNext(AheadJob* job, AheadPiece* done);
 /// Examines an entry that was left AHEAD_UNEXAMINED, now, in the walk's
 /// order: its status, stat, target and child are set as a helper sets them.
 void AheadExamine(AheadPiece* piece, uint32_t index);
 /// The errno that cut job's listing short, or 0 when it was read to its end.
 int AheadReadError(const AheadJob* job);
-/// The walk has taken every piece of job's listing: its descriptor can go
-/// once the subdirectories the walk will enter have been opened.
-void AheadEntriesDone(AheadJob* job);
 /// The walk has left job's directory (or could not open it): the job goes.
 void AheadLeave(AheadJob* job);
 

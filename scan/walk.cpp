@@ -77,7 +77,7 @@ static DirTally RecordListing(AheadJob* job, const char* accessPath, const char*
     StringObjectSet(record->dirPath, logicalPath);
     const char* dirPath = record->dirPath->text;
     struct stat& st = record->statData;
-    while (AheadPiece* piece = AheadNext(job)) {
+    for (AheadPiece* piece = nullptr; (piece = AheadNext(job, piece));) {
         for (uint32_t i = 0; i < piece->count; i++) {
             AheadEntry* entry = &piece->entries[i];
             const char* name = entry->name;
@@ -118,7 +118,6 @@ static DirTally RecordListing(AheadJob* job, const char* accessPath, const char*
             }
             DispatchFile(RECORD_ENTRY, dirPath, RecordStatBlock(record), root);
         }
-        AheadRelease(piece);
     }
     if (int error = AheadReadError(job)) {
         errno = error;
@@ -156,7 +155,6 @@ int ProcessDirectory(const char* logicalPath, AuditRoot* root, AheadJob* job, in
     TempBlock* chain = nullptr;
     SubdirNode* subdirs = nullptr;
     DirTally tally = RecordListing(job, accessPath, logicalPath, root, &chain, &subdirs);
-    AheadEntriesDone(job);
     if (tally.entries == 0) root->emptyDirCount++;
     for (const SubdirNode* node = subdirs; node; node = node->next) ProcessSubdir(root, logicalPath, node, level);
     TempFree(&chain);

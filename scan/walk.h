@@ -27,7 +27,7 @@ extern uint32_t walkThreads;   ///< threads the walk may use, its own included (
 constexpr int MAX_DIR_LEVEL = 100;
 static_assert(MAX_DIR_LEVEL <= DTL_MAX_OPEN_DIRS, "the writer must hold every directory the walk enters");
 /// Threads the walk uses when FERROVAN_THREADS does not say, its own included.
-constexpr uint32_t WALK_THREADS_DEFAULT = 16;
+constexpr uint32_t WALK_THREADS_DEFAULT = 32;
 /// Size of an access-path buffer: an entry's access path and its terminator must fit.
 constexpr size_t ACCESS_PATH_SIZE = 4096;
 
