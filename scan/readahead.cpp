@@ -195,11 +195,15 @@ void Wake(uint32_t n) {
 // processors then only take turns, and take time from the walk. One that
 // makes threads wait for every answer (a cold disk, a server across a
 // network) is as fast as the number of questions asked at once. Helpers
-// time one call in four (a clock read in the vDSO, no system call); a
-// window with enough slow calls lets all of them work, one without brings
-// them back to twice the processors' number.
+// time every open and listing batch and one examination in four (a clock
+// read in the vDSO, no system call). On a cold disk most examinations find
+// their inode read already, but most listings wait; from memory, a call
+// that takes 100 µs is one that lost its processor meanwhile, a few in a
+// thousand. So a window with a few slow calls lets all helpers work, one
+// without brings them back to twice the processors' number.
 constexpr int64_t SLOW_CALL_NS = 100000;
-constexpr uint32_t PACE_WINDOW = 64;
+constexpr uint32_t PACE_WINDOW = 256;
+constexpr uint32_t PACE_SLOW_CALLS = 4;
 thread_local uint32_t callsSeen, callsTimed, callsSlow;
 
 int64_t Now() {
@@ -223,7 +227,7 @@ void PaceHelpers() {
     ahead->slowCalls += callsSlow;
     callsTimed = callsSlow = 0;
     if (ahead->timed < PACE_WINDOW) return;
-    bool slow = ahead->slowCalls * 16 >= ahead->timed;
+    bool slow = ahead->slowCalls >= PACE_SLOW_CALLS;
     uint32_t allowed = slow ? ahead->helpers : ahead->fastAllowed;
     ahead->timed = ahead->slowCalls = 0;
     if (allowed == ahead->allowed) return;
@@ -345,9 +349,10 @@ AheadJob* Examine(AheadJob* job, AheadEntry* entry, uint32_t ordinal, bool onHel
     bool timing = TimeCall(onHelper);
     int64_t since = timing ? Now() : 0;
     int failed = fstatat(job->fd, entry->name, &st, AT_SYMLINK_NOFOLLOW);
+    int error = errno;
     if (timing) NoteCall(since);
     if (failed != 0) {
-        entry->status = errno;
+        entry->status = error;
         return nullptr;
     }
     entry->st = AheadStat{static_cast<uint64_t>(st.st_ino), st.st_size, st.st_atim.tv_sec, st.st_mtim.tv_sec,
@@ -447,9 +452,12 @@ struct ReadResult {
 ReadResult ReadPiece(AheadJob* job, char* buffer, bool onHelper) {
     Seam(AHEAD_READ, job, onHelper);
     ReadResult result{};
+    int64_t since = onHelper ? Now() : 0;
     ssize_t got = getdents64(job->fd, buffer, AHEAD_READ_SIZE);
+    int error = errno;
+    if (onHelper) NoteCall(since);
     if (got <= 0) {
-        result.error = got < 0 ? errno : 0;
+        result.error = got < 0 ? error : 0;
         result.end = true;
         return result;
     }

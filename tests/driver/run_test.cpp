@@ -7,6 +7,7 @@
 #include <sys/stat.h>
 #include <sys/utsname.h>
 
+#include <set>
 #include <string>
 #include <vector>
 
@@ -100,6 +101,34 @@ TEST(FerrovanRun, AnswersEachLineAndDestroysNothingWhenItFails) {
                 EXPECT_TRUE(ReadFile(dtl) == before);
             }
         }
+    }
+}
+
+// The walk's thread count comes from the environment; a wrong one is refused
+// before anything is opened or written: no log, no error file, no detail file.
+TEST(FerrovanRun, AThreadCountThatIsNotOneTo1024EndsTheRunFirst) {
+    struct Case {
+        const char* value;
+        bool valid;
+    } cases[] = {
+        {"1", true}, {"1024", true}, {"0008", true}, {"", false},    {"0", false},  {"1025", false},
+        {"-1", false}, {"+4", false}, {"4x", false}, {" 4", false}, {"99999999999", false},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(std::string("'") + c.value + "'");
+        RunDirs dirs;
+        WriteFile(dirs.root + "/f", "data");
+        RunResult r = RunFerrovan({dirs.root, "-dtl", "out.dtl", "-log", "run.log", "-err", "run.err"},
+                                  {.cwd = dirs.work, .env = {std::string("FERROVAN_THREADS=") + c.value}});
+        if (c.valid) {
+            EXPECT_EQ(r.status, 0) << r.err;
+            EXPECT_TRUE(ReadDetail(dirs.work + "/out.dtl").sound);
+            continue;
+        }
+        EXPECT_EQ(r.status, 1);
+        EXPECT_EQ(r.err, std::string("FERROVAN_THREADS must be a whole number from 1 to 1024, not '") + c.value + "'\n");
+        EXPECT_EQ(r.out, "");
+        EXPECT_EQ(Entries(dirs.work), std::set<std::string>{});
     }
 }
 
