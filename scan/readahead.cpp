@@ -61,6 +61,7 @@ struct AheadJob {
     bool queuedOpen;          // in toOpen
     bool queuedRead;          // in toRead
     uint32_t slot;            // its place in toOpen or toRead (never in both)
+    uint32_t bytes;           // the block's size: counted ahead until the walk has its parent's piece
 };
 
 namespace {
@@ -338,6 +339,7 @@ AheadJob* NewChild(AheadJob* job, const char* name, uint32_t nameLength, uint32_
     child->level = job->level + 1;
     child->accessLength = job->accessLength + 1 + nameLength;
     child->fd = -1;
+    child->bytes = static_cast<uint32_t>(size);
     return child;
 }
 
@@ -379,6 +381,7 @@ struct SliceResult {
     AheadJob* last;
     uint32_t made;
     uint32_t deferred;
+    size_t bytes;  // the children's blocks
 };
 
 // Examines one slice of a piece, without the lock.
@@ -397,6 +400,7 @@ SliceResult ExamineSlice(AheadPiece* piece, uint32_t slice, bool onHelper) {
             tail = &child->nextChild;
             result.last = child;
             result.made++;
+            result.bytes += child->bytes;
         }
         if (entry->status == AHEAD_UNEXAMINED) result.deferred++;
     }
@@ -412,6 +416,10 @@ void SliceDone(AheadPiece* piece, const SliceResult& result) {
         job->unopened += result.made;
     }
     job->deferred += result.deferred;
+    // The children count with the piece that found them: ahead of the walk
+    // until it takes the piece, its own (as its list of subdirectories) after.
+    piece->bytes += result.bytes;
+    ahead->bytesAhead += result.bytes;
     if (++piece->done < piece->slices) return;
     job->unexamined--;
     HandOutChildren(job);
@@ -541,6 +549,7 @@ void AddFound(SliceResult* into, const SliceResult& more) {
     }
     into->made += more.made;
     into->deferred += more.deferred;
+    into->bytes += more.bytes;
 }
 
 // Reads one batch into the round, without the lock; the reader's claim
@@ -648,7 +657,10 @@ void Visit(AheadJob* job, char* buffer, bool opening) {
         while (!round.end && !share && round.bytes < AHEAD_ROUND_BYTES) {
             AheadPiece* piece = ReadInto(&round, job, buffer, true);
             if (piece && piece->slices == 1) {
-                AddFound(&round.found, ExamineSlice(piece, 0, true));
+                SliceResult found = ExamineSlice(piece, 0, true);
+                piece->bytes += found.bytes;
+                round.bytes += found.bytes;
+                AddFound(&round.found, found);
                 piece->claimed = piece->done = 1;
             } else if (piece) {
                 share = true;

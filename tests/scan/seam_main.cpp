@@ -33,7 +33,9 @@ namespace {
 
 uint32_t jitterSeed = 0;
 uint32_t jitterMax = 0;  // microseconds; 0: no sleeping
-std::string slowName;
+// Never destroyed: a fatal exit ends the process with helpers still calling
+// the seam.
+std::string& slowName = *new std::string;
 uint32_t slowFor = 0;  // microseconds
 std::atomic<uint32_t> threadsSeen{0};
 
@@ -41,7 +43,8 @@ enum Change { SWAP, REMOVE, LOCK, CHANGES };
 struct Pending {
     std::string path, target;
     std::atomic<bool> done{true};
-} pending[CHANGES];
+};
+Pending* const pending = new Pending[CHANGES];
 
 uint32_t Random() {
     thread_local uint32_t state = 0;
