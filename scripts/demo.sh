@@ -27,4 +27,4 @@ echo
 echo "== build/release/dtldump top -n 8 demo.dtl (the largest directories, from the same file)"
 build/release/dtldump top -n 8 "$out/demo.dtl"
 echo
-echo "Next: build/release/dtldump owners|age|types|export|diff|html FILE (see docs/dtldump.1)"
+echo "Next: build/release/dtldump browse FILE (in a terminal), or owners|age|types|export|diff|trend|html FILE (see docs/dtldump.1)"
