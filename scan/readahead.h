@@ -27,9 +27,11 @@
 //   without following a link, so a listed directory swapped for a link is
 //   reported, never followed.
 //
-// Held ahead: pieces up to AHEAD_BUDGET_BYTES, and directory descriptors
-// within the descriptor limit (whose soft value is raised to the hard one).
-// Helpers then wait; the walk never does, it reads what it needs itself.
+// Held ahead: pieces, with the jobs of the subdirectories they found, up to
+// AHEAD_BUDGET_BYTES, and directory descriptors within the descriptor limit
+// (whose soft value is raised to the hard one). Helpers then wait; the walk
+// never does, it reads what it needs itself. While the file system answers
+// at memory speed, only twice as many helpers as processors work at once.
 #pragma once
 
 #include <cstddef>
@@ -38,8 +40,8 @@
 struct AuditRoot;
 struct AheadJob;
 
-/// Bytes of examined listings held ahead of the walk, at the most, before
-/// helpers wait for the walk to take them.
+/// Bytes of listings (and the jobs they found) held ahead of the walk, at
+/// the most, before helpers wait for the walk to take them.
 constexpr size_t AHEAD_BUDGET_BYTES = 4u << 20;
 /// Bytes asked of one getdents64: a piece of listing holds what one call returns.
 constexpr size_t AHEAD_READ_SIZE = 32u << 10;
