@@ -22,18 +22,6 @@ namespace {
 
 using T = TreeItem;
 
-// The output's lines with each run of blanks made one blank, for checking
-// table rows without their alignment: "\nrow\nrow\n".
-std::string Rows(const std::string& text) {
-    std::string rows = "\n";
-    std::istringstream in(text);
-    for (std::string line; std::getline(in, line); rows += "\n") {
-        std::istringstream words(line);
-        for (std::string word; words >> word;) rows += (rows.back() == '\n' ? "" : " ") + word;
-    }
-    return rows;
-}
-
 const char* const JSON_FIELDS = R"(import json, sys
 doc = json.loads(sys.stdin.buffer.read())
 def walk(v, key=''):

@@ -11,7 +11,6 @@
 #include <algorithm>
 #include <cmath>
 #include <filesystem>
-#include <sstream>
 
 #include "reader/textout.h"
 #include "tests/reader/scantree.h"
@@ -24,7 +23,8 @@ constexpr int64_t DAY = 86400;
 
 std::string NodeName() {
     utsname u;
-    return uname(&u) == 0 ? u.nodename : "";
+    uname(&u);
+    return u.nodename;
 }
 
 // Sets the start time a finished plain detail file records (the log
@@ -35,13 +35,6 @@ void SetRunTime(const std::string& path, uint32_t time) {
     uint8_t bytes[4] = {uint8_t(time), uint8_t(time >> 8), uint8_t(time >> 16), uint8_t(time >> 24)};
     EXPECT_EQ(pwrite(fd, bytes, 4, 8), 4) << path;
     close(fd);
-}
-
-std::map<uint32_t, Tally> ByOwner(const std::vector<std::vector<SeenEntry>>& trees, bool user) {
-    std::map<uint32_t, Tally> owners;
-    for (const auto& seen : trees)
-        for (const SeenEntry& e : seen) Count(&owners[user ? e.st.st_uid : e.st.st_gid], e);
-    return owners;
 }
 
 TEST(MultiScan, SumsTheScansOfSeveralTreesAsTheirTreesAddUp) {
@@ -89,30 +82,27 @@ TEST(MultiScan, SumsTheScansOfSeveralTreesAsTheirTreesAddUp) {
                                             [](const auto& d) { return d.second.bytes > 0; }));
     EXPECT_EQ(sum.totals.totalFileSize, dirs[0].at("/").bytes + dirs[1].at("/").bytes);
     EXPECT_EQ(sum.totals.entries, seen[0].size() + seen[1].size());
-    for (bool user : {true, false}) {
-        std::map<uint32_t, Tally> expected = ByOwner(seen, user);
-        const std::vector<OwnerRow>& got = user ? sum.users : sum.groups;
-        ASSERT_EQ(got.size(), expected.size());
-        for (size_t i = 0; i < got.size(); i++) {
-            EXPECT_EQ(got[i].tally, expected[got[i].id]) << (user ? "uid " : "gid ") << got[i].id;
-            if (i) {
-                EXPECT_GE(got[i - 1].tally.bytes, got[i].tally.bytes);
-            }
-        }
-    }
-    Tally files, kinds[KIND_COUNT];
+    std::map<uint32_t, Tally> owners[2];   // by uid, by gid
+    Tally files, aged, kinds[KIND_COUNT];  // every file falls in one row of ages
     for (const auto& tree : seen)
         for (const SeenEntry& e : tree) {
+            Count(&owners[0][e.st.st_uid], e);
+            Count(&owners[1][e.st.st_gid], e);
             Count(&kinds[KindOf(e.st.st_mode)], e);
             if (!S_ISDIR(e.st.st_mode)) Count(&files, e);
         }
-    for (int k = 0; k < KIND_COUNT; k++) EXPECT_EQ(sum.kinds[k], kinds[k]) << "kind " << k;
-    Tally aged;  // every file falls in one row of ages
-    for (const AgeRow& row : sum.ages) {
-        aged.entries += row.modified.entries;
-        aged.files += row.modified.files;
-        aged.bytes += row.modified.bytes;
+    for (const std::vector<OwnerRow>* got : {&sum.users, &sum.groups}) {
+        std::map<uint32_t, Tally>& expected = owners[got == &sum.groups];
+        ASSERT_EQ(got->size(), expected.size());
+        for (size_t i = 0; i < got->size(); i++) {
+            EXPECT_EQ((*got)[i].tally, expected[(*got)[i].id]) << (*got)[i].id;
+            if (i) {
+                EXPECT_GE((*got)[i - 1].tally.bytes, (*got)[i].tally.bytes);
+            }
+        }
     }
+    for (int k = 0; k < KIND_COUNT; k++) EXPECT_EQ(sum.kinds[k], kinds[k]) << "kind " << k;
+    for (const AgeRow& row : sum.ages) aged += row.modified;
     EXPECT_EQ(aged, files);
 
     // The command shows the largest of all, each named by node and path:
@@ -128,19 +118,13 @@ TEST(MultiScan, SumsTheScansOfSeveralTreesAsTheirTreesAddUp) {
     std::sort(all.begin(), all.end(), [](const auto& x, const auto& y) { return std::get<0>(x) > std::get<0>(y); });
     RunResult top = RunDtldump({"top", "-n", "4", fileA, fileB});
     ASSERT_EQ(top.status, 0) << top.err;
-    std::string expected;
+    std::string expected = "\n";
     for (size_t i = 0; i < 4; i++) {
         const Tally& t = std::get<2>(all[i]);
         expected += Cat(HumanSize(t.bytes), " ", Number(t.bytes), " ", Number(t.entries), " ", Number(t.files), " ",
                         Number(t.entries - t.files), " ", std::get<1>(all[i]), "\n");
     }
-    std::string shown = top.out.substr(top.out.rfind("PATH\n") + 5), collapsed;
-    std::istringstream words(shown);
-    for (std::string line; std::getline(words, line); collapsed += "\n") {
-        std::istringstream in(line);
-        for (std::string w; in >> w;) collapsed += (collapsed.empty() || collapsed.back() == '\n' ? "" : " ") + w;
-    }
-    EXPECT_EQ(collapsed, expected) << top.out;
+    EXPECT_EQ(Rows(top.out.substr(top.out.rfind("PATH\n") + 5)), expected) << top.out;
 
     // Scans of one tree are not summed: the same entries would count twice.
     std::filesystem::copy_file(fileA, a.work + "/again.dtl");
@@ -258,18 +242,15 @@ TEST(MultiScan, TrendFollowsOneTreeThroughItsChanges) {
     snprintf(daysText, sizeof daysText, "%.1f", days);
     std::string want = Cat(daysText, " [", Number(times[0]), ", ", Number(times[1]), ", ", Number(times[2]), ", ",
                            Number(times[3]), "]\n");
-    std::vector<std::pair<int64_t, std::string>> grew, shrank;
-    for (const auto& [path, change] : expected) (change > 0 ? grew : shrank).emplace_back(std::abs(change), path);
-    std::sort(grew.begin(), grew.end(),
-              [](auto& x, auto& y) { return x.first != y.first ? x.first > y.first : x.second < y.second; });
-    std::sort(shrank.begin(), shrank.end(),
-              [](auto& x, auto& y) { return x.first != y.first ? x.first > y.first : x.second < y.second; });
-    for (const auto* rows : {&grew, &shrank})
-        for (const auto& [size, path] : *rows) {
-            int64_t change = rows == &grew ? size : -size;
-            want += Cat(rows == &grew ? "grew " : "shrank ", path, " ", std::to_string(change), " ",
-                        std::to_string(std::llround(change / days)), "\n");
-        }
+    // Those that grew, then those that shrank, each largest change first, then by path.
+    std::vector<std::tuple<bool, int64_t, std::string>> rows;
+    for (const auto& [path, change] : expected) rows.emplace_back(change < 0, -std::abs(change), path);
+    std::sort(rows.begin(), rows.end());
+    for (const auto& [shrank, size, path] : rows) {
+        int64_t change = shrank ? size : -size;
+        want += Cat(shrank ? "shrank " : "grew ", path, " ", std::to_string(change), " ",
+                    std::to_string(std::llround(change / days)), "\n");
+    }
     EXPECT_EQ(listed, want);
 
     // The HTML report draws the root's size in each scan, in time order.
