@@ -1,14 +1,8 @@
-// dtldump's export loaded into a real engine: DuckDB (the @duckdb/node-api
-// package of this folder, installed by scripts/setup.sh with `npm ci`).
-//
-// Two trees with awkward names (commas, double quotes, line breaks, bytes
-// that are not UTF-8) and several owners are scanned by the real programs,
-// as two servers would scan them (each file then carries its server's node
-// name), and exported as CSV and NDJSON with the scan's columns. DuckDB's
-// sums per top-level directory and per owner must equal what `dtldump top
-// --json` and `owners --json` say of the same files, read from CSV, from
-// NDJSON, and from a Parquet dataset that DuckDB writes partitioned by node
-// and reads back.
+// dtldump's export in DuckDB (@duckdb/node-api, installed here by
+// scripts/setup.sh with npm ci): two servers' scans of awkward names, exported
+// as CSV and NDJSON with the scan's columns, give DuckDB the sums per top-level
+// directory and per owner that `dtldump top --json` and `owners --json` give,
+// and so does the Parquet dataset DuckDB writes from them, partitioned by node.
 //
 // Usage: node export_test.mjs --ferrovan PATH --dtldump PATH
 // Exit status 77 (skipped, with the reason) when DuckDB is not installed.
@@ -100,7 +94,6 @@ for (const [i, [name, nodes]] of trees.entries()) {
     const json = (command) => JSON.parse(run(args.dtldump, [command, '--json', '-n', '100000', file]).toString());
     scans.push({ root, node, file, top: json('top'), owners: json('owners') });
 }
-check(scans[0].node !== scans[1].node, 'two node names');
 
 // What dtldump says: per node, the root and each top-level directory;
 // per node and uid; and per uid over both scans at once.
@@ -142,11 +135,16 @@ async function answers(table) {
 
 const want = { top: order(dtlTop), owners: order(dtlOwners), all: order(dtlBoth) };
 const csvs = quote(path.join(work, '*.csv')), ndjsons = quote(path.join(work, '*.ndjson'));
-// As the README loads them.
+// As the README loads them; then one Parquet dataset of both servers,
+// partitioned by node, read back.
 await sql.run(`CREATE TABLE fromCsv AS SELECT * FROM read_csv(${csvs}, header = true,
     types = {'mode': 'VARCHAR', 'pathHex': 'VARCHAR', 'targetHex': 'VARCHAR', 'scanNode': 'VARCHAR'})`);
 await sql.run(`CREATE TABLE fromNdjson AS SELECT * FROM read_json(${ndjsons}, format = 'newline_delimited')`);
-for (const table of ['fromCsv', 'fromNdjson']) {
+const dataset = path.join(work, 'dataset');
+await sql.run(`COPY fromCsv TO ${quote(dataset)} (FORMAT parquet, PARTITION_BY (scanNode))`);
+same(fs.readdirSync(dataset).sort(), scans.map((s) => `scanNode=${s.node}`).sort(), 'one partition per node');
+await sql.run(`CREATE TABLE fromParquet AS SELECT * FROM read_parquet(${quote(path.join(dataset, '*', '*.parquet'))}, hive_partitioning = true)`);
+for (const table of ['fromCsv', 'fromNdjson', 'fromParquet']) {
     const got = await answers(table);
     same(got.top, want.top, `${table}: per top-level directory`);
     same(got.owners, want.owners, `${table}: per owner and node`);
@@ -161,16 +159,5 @@ check(names.some(([p]) => p.endsWith(`${odd}/deeper/x"y`)), 'a name with a comma
 const strayHex = Buffer.concat([Buffer.from(scans[0].root + '/'), stray]).toString('hex');
 check(names.some(([p, hex]) => p.endsWith('/bad\ufffd-\ufffd') && hex === strayHex), `stray bytes kept in pathHex: ${strayHex}`);
 
-// One Parquet dataset of both servers, partitioned by node, read back.
-const dataset = path.join(work, 'dataset');
-await sql.run(`COPY fromCsv TO ${quote(dataset)} (FORMAT parquet, PARTITION_BY (scanNode))`);
-same(fs.readdirSync(dataset).sort(), scans.map((s) => `scanNode=${s.node}`).sort(), 'one partition per node');
-await sql.run(`CREATE TABLE fromParquet AS SELECT * FROM read_parquet(${quote(path.join(dataset, '*', '*.parquet'))}, hive_partitioning = true)`);
-const fromParquet = await answers('fromParquet');
-same(fromParquet.top, want.top, 'Parquet: per top-level directory');
-same(fromParquet.owners, want.owners, 'Parquet: per owner and node');
-same(fromParquet.all, want.all, 'Parquet: per owner over both scans');
-
-const entries = scans.reduce((n, s) => n + s.top.directories[0].entries, 0);
-console.log(`${failures ? 0 : 1} passed, ${failures} failed: ${entries} entries of ${scans.length} scans through CSV, NDJSON and Parquet`);
+console.log(`${failures ? 0 : 1} passed, ${failures} failed: ${scans.length} scans through CSV, NDJSON and Parquet`);
 process.exit(failures ? 1 : 0);

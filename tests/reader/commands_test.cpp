@@ -22,18 +22,6 @@ namespace {
 
 using T = TreeItem;
 
-// The output's lines with each run of blanks made one blank, for checking
-// table rows without their alignment: "\nrow\nrow\n".
-std::string Rows(const std::string& text) {
-    std::string rows = "\n";
-    std::istringstream in(text);
-    for (std::string line; std::getline(in, line); rows += "\n") {
-        std::istringstream words(line);
-        for (std::string word; words >> word;) rows += (rows.back() == '\n' ? "" : " ") + word;
-    }
-    return rows;
-}
-
 const char* const JSON_FIELDS = R"(import json, sys
 doc = json.loads(sys.stdin.buffer.read())
 def walk(v, key=''):
@@ -199,28 +187,22 @@ TEST(DtldumpCommands, PrintTablesAndJsonOfTheFiguresPlainOrCompressed) {
 // What the export must say of one entry, from the test's walk: the exact
 // path and target bytes in hexadecimal, then every other column.
 std::string ExpectedRow(const std::string& root, const SeenEntry& e) {
-    std::string full = root + e.path, target;
-    char link[PATH_MAX];
-    ssize_t n = S_ISLNK(e.st.st_mode) ? readlink(full.c_str(), link, sizeof link) : 0;
-    if (n > 0) target.assign(link, static_cast<size_t>(n));
-    auto hex = [](const std::string& bytes) {
-        std::string h;
-        AppendHex(&h, bytes);
-        return h;
-    };
+    std::string full = root + e.path, target(PATH_MAX, '\0'), fullHex, targetHex;
+    target.resize(S_ISLNK(e.st.st_mode) ? std::max<ssize_t>(readlink(full.c_str(), target.data(), PATH_MAX), 0) : 0);
+    AppendHex(&fullHex, full);
+    AppendHex(&targetHex, target);
     auto iso = [](time_t t) {
         char text[32];
         struct tm tm;
         strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", gmtime_r(&t, &tm));
-        return std::string(text) + " " + std::to_string(t);
+        return Cat(text, " ", std::to_string(t));
     };
-    const char* kind = KindName(e.st.st_mode);  // the names the dump's test pins
     char mode[8];
     snprintf(mode, sizeof mode, "%04o", e.st.st_mode & 07777);
-    return hex(full) + " " + kind + " " + std::to_string(e.st.st_uid) + " " + std::to_string(e.st.st_gid) + " " + mode +
-           " " + std::to_string(e.st.st_size) + " " + std::to_string(e.st.st_nlink) + " " +
-           std::to_string(static_cast<uint32_t>(e.st.st_ino)) + " " + (e.counted ? "True" : "False") + " " +
-           iso(e.st.st_mtime) + " " + iso(e.st.st_atime) + " " + iso(e.st.st_ctime) + " " + hex(target);
+    return Cat(fullHex, " ", KindName(e.st.st_mode), " ", std::to_string(e.st.st_uid), " ", std::to_string(e.st.st_gid),
+               " ", mode, " ", std::to_string(e.st.st_size), " ", std::to_string(e.st.st_nlink), " ",
+               std::to_string(static_cast<uint32_t>(e.st.st_ino)), " ", e.counted ? "True" : "False", " ",
+               iso(e.st.st_mtime), " ", iso(e.st.st_atime), " ", iso(e.st.st_ctime), " ", targetHex);
 }
 
 // Reads CSV or NDJSON with the real parser of each and prints each row the

@@ -1,16 +1,9 @@
 #!/usr/bin/env python3
-"""dtldump's HTML report in a real browser.
-
-Builds a tree, scans it with the real Ferrovan, writes the page with the real
-dtldump and opens it in headless Chromium (tests/support/chromium.py, the
-DevTools protocol on a pipe). What the browser shows is checked against
-figures this test computes from its own walk of the tree: which directories
-the page carries, the treemap's rectangles with areas proportional to the
-sizes, a zoom by a real click and the way back by the path above the map
-and by the browser's Back, the colour switch, the tables sorted by clicks
-on their headers and readable with scripts off, no request beyond the file
-itself; then hostile names render as text and run nothing. A screenshot of
-each page is left in --out.
+"""dtldump's HTML report in headless Chromium (tests/support/chromium.py),
+checked against figures this test computes from its own walk of the tree:
+the directories and files the page carries, the treemap's areas, zooming by
+clicks and back, the colour switch, sorting the tables, the page with
+scripts off, and hostile names. A screenshot of each page is left in --out.
 
     html_browser_test.py --ferrovan BIN --dtldump BIN --out DIR --source DIR
 
@@ -18,10 +11,9 @@ Exits 77 (skipped) only when chromium is missing and scripts/setup.sh
 cannot install it, saying why.
 """
 
-import argparse
-import json
 import os
 import shutil
+import stat
 import subprocess
 import sys
 import tempfile
@@ -30,68 +22,13 @@ import unittest
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "support"))
 import chromium  # noqa: E402
-import names  # noqa: E402
+import pyharness  # noqa: E402
 
 ARGS = None
 BROWSER = None  # the chromium binary
 DAY = 86400
-
-
-def text_path(name):
-    """A name (bytes) as the text reports write it."""
-    return names.escaped(name)
-
-
-def walk(root):
-    """Every directory below root (bytes paths, b"" for the root) with the
-    entries, files and bytes below it, each hard-linked inode once."""
-    dirs = {b"": [0, 0, 0]}
-    seen = set()
-    for top, subdirs, files in os.walk(root):
-        logical = os.path.relpath(top, root)
-        logical = b"" if logical == b"." else b"/" + logical
-        for name in subdirs + files:
-            st = os.lstat(os.path.join(top, name))
-            inode = st.st_ino & 0xFFFFFFFF
-            counted = st.st_nlink < 2 or inode not in seen
-            seen.add(inode)
-            is_dir = name in subdirs and not os.path.islink(os.path.join(top, name))
-            if is_dir:
-                dirs.setdefault(logical + b"/" + name, [0, 0, 0])
-            # Everything counts in its directory and every directory above.
-            at = logical
-            while True:
-                d = dirs[at]
-                d[0] += 1
-                d[1] += 0 if is_dir else 1
-                d[2] += st.st_size if counted else 0
-                if not at:
-                    break
-                at = at[: at.rfind(b"/")]
-    return dirs
-
-
-def counted_files(root):
-    """Every file below root (real path, str) with its size, each
-    hard-linked inode at its first name in the walk's order."""
-    files, seen = {}, set()
-    for top, subdirs, names in os.walk(root):
-        for name in names:
-            path = os.path.join(top, name)
-            st = os.lstat(path)
-            inode = st.st_ino & 0xFFFFFFFF
-            if st.st_nlink < 2 or inode not in seen:
-                files[os.path.realpath(os.path.dirname(path)).decode() + "/" + name.decode()] = st.st_size
-            seen.add(inode)
-    return files
-
-
-def make(path, size=0, mtime=None):
-    os.makedirs(os.path.dirname(path), exist_ok=True)
-    with open(path, "wb") as f:
-        f.truncate(size)
-    if mtime:
-        os.utime(path, (mtime, mtime))
+text_path = pyharness.escaped
+make = pyharness.make
 
 
 def scan_and_render(root, work, extra=()):
@@ -191,11 +128,13 @@ class TreemapInTheBrowser(unittest.TestCase):
         for d in (b"big/inner/deep", b"big/inner", b"big"):
             os.utime(os.path.join(r, d), (old, old))
         cls.page = scan_and_render(cls.root.decode(), cls.tmp)
-        cls.dirs = walk(cls.root)
-        cls.files = counted_files(cls.root)
+        tree = pyharness.walk(cls.root)
+        cls.dirs = pyharness.figures(tree)  # [entries, files, bytes, ...] below each directory
+        cls.rootText = os.path.realpath(cls.root).decode()
+        cls.files = {cls.rootText + (d + b"/" + n).decode(): st.st_size for d, n, st, counted in tree
+                     if counted and stat.S_ISREG(st.st_mode)}  # each hard-linked inode at its first name
         cls.browser = chromium.Browser(BROWSER, 1280, 900)
         cls.p = Page(cls.browser, cls.page)
-        cls.rootText = os.path.realpath(cls.root).decode()
 
     @classmethod
     def tearDownClass(cls):
@@ -406,26 +345,9 @@ class HostileNames(unittest.TestCase):
         self.assertEqual(self.browser.events_of("Page.javascriptDialogOpening"), [])
 
 
-def main():
-    global ARGS, BROWSER
-    parser = argparse.ArgumentParser()
-    for option in ("--ferrovan", "--dtldump", "--out", "--source"):
-        parser.add_argument(option, required=True)
-    ARGS, rest = parser.parse_known_args()
-    os.makedirs(ARGS.out, exist_ok=True)
-    BROWSER = chromium.find_chromium()
-    if not BROWSER:
-        setup = subprocess.run([os.path.join(ARGS.source, "scripts", "setup.sh"), "--browser"],
-                               capture_output=True, text=True)
-        BROWSER = chromium.find_chromium()
-        if not BROWSER:
-            print("SKIPPED: chromium is not installed, and scripts/setup.sh --browser could not install it:\n"
-                  + (setup.stdout + setup.stderr)[-3000:])
-            return 77
-    print("browser:", BROWSER)
-    result = unittest.main(argv=[sys.argv[0]] + rest, exit=False, verbosity=2).result
-    return 0 if result.wasSuccessful() else 1
-
-
 if __name__ == "__main__":
-    sys.exit(main())
+    ARGS = pyharness.start(("ferrovan", "dtldump", "out", "source"), "chromium", chromium.find_chromium, "--browser")
+    BROWSER = chromium.find_chromium()
+    print("browser:", BROWSER)
+    os.makedirs(ARGS.out, exist_ok=True)
+    pyharness.run_tests()

@@ -57,9 +57,7 @@ ReportScan HandScan(const std::vector<Dir>& tree) {
     }
     for (size_t i = s.dirs.size(); i-- > 1;) {
         DirRow& p = s.dirs[s.dirs[i].parent];
-        p.total.entries += s.dirs[i].total.entries;
-        p.total.files += s.dirs[i].total.files;
-        p.total.bytes += s.dirs[i].total.bytes;
+        p.total += s.dirs[i].total;
         p.newest = std::max(p.newest, s.dirs[i].newest);
     }
     return s;

@@ -6,11 +6,22 @@
 #include <cstdio>
 #include <functional>
 #include <set>
+#include <sstream>
 
 std::string Python(const std::string& program, const std::string& input) {
     RunResult run = RunProgram("python3", {"-c", program}, {.input = input, .env = {"PYTHONIOENCODING=utf-8"}});
     EXPECT_EQ(run.status, 0) << run.err;
     return run.out;
+}
+
+std::string Rows(const std::string& text) {
+    std::string rows = "\n";
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line); rows += "\n") {
+        std::istringstream words(line);
+        for (std::string word; words >> word;) rows += (rows.back() == '\n' ? "" : " ") + word;
+    }
+    return rows;
 }
 
 std::string ScanTree(const RunDirs& dirs, const std::string& name) {

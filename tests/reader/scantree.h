@@ -18,6 +18,10 @@
 /// failure when it fails).
 std::string Python(const std::string& program, const std::string& input);
 
+/// The lines of text with each run of blanks made one blank, for checking
+/// table rows without their alignment: "\nrow\nrow\n".
+std::string Rows(const std::string& text);
+
 /// Scans dirs.root and renames the detail file to dirs.work/name; fails the
 /// test when the scan fails.
 std::string ScanTree(const RunDirs& dirs, const std::string& name);
@@ -37,11 +41,15 @@ struct SeenEntry {
 /// times are those the scan will see.
 std::vector<SeenEntry> WalkTree(const std::string& root);
 
-/// Tallies compare and print by their three figures.
+/// Tallies compare, print and add up by their three figures.
 inline bool operator==(const Tally& a, const Tally& b) {
     return a.entries == b.entries && a.files == b.files && a.bytes == b.bytes;
 }
 inline void PrintTo(const Tally& t, std::ostream* os) { *os << t.entries << "/" << t.files << "/" << t.bytes; }
+inline Tally& operator+=(Tally& a, const Tally& b) {
+    a = {a.entries + b.entries, a.files + b.files, a.bytes + b.bytes};
+    return a;
+}
 
 /// Adds the entry to t as the reports count it.
 void Count(Tally* t, const SeenEntry& e);
