@@ -7,7 +7,6 @@
 #include <fcntl.h>
 #include <libdeflate.h>
 #include <pthread.h>
-#include <sched.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -235,19 +234,13 @@ static void* DeflatePieces(void* arg) {
     return nullptr;
 }
 
-static size_t Processors() {
-    cpu_set_t set;
-    if (sched_getaffinity(0, sizeof set, &set) != 0) return 1;
-    return static_cast<size_t>(std::max(CPU_COUNT(&set), 1));
-}
-
 // Deflates every piece, on helper threads and this one. The helpers start
 // with the interrupting signals blocked, so that a signal is handled on this
 // thread as in any other part of the run; a helper that cannot be started
 // leaves its share to the others.
 static int DeflateAll(DeflateJob* job) {
     pthread_t helpers[DEFLATE_MAX_THREADS];
-    size_t wanted = std::min({Processors(), job->count, DEFLATE_MAX_THREADS}) - 1, started = 0;
+    size_t wanted = std::min({ProcessorCount(), job->count, DEFLATE_MAX_THREADS}) - 1, started = 0;
     while (started < wanted && StartBlockedThread(&helpers[started], DeflatePieces, job, 0)) started++;
     DeflatePieces(job);
     for (size_t i = 0; i < started; i++) pthread_join(helpers[i], nullptr);

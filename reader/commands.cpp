@@ -312,11 +312,7 @@ int Export(const Args& a) {
 }  // namespace
 
 int RefuseFile(const std::string& path, bool opened, const DtlFault& fault) {
-    if (!opened)
-        fprintf(stderr, "dtldump: %s: %s\n", path.c_str(), fault.message.c_str());
-    else
-        fprintf(stderr, "dtldump: %s: offset %llu: %s\n", path.c_str(), static_cast<unsigned long long>(fault.offset),
-                fault.message.c_str());
+    fprintf(stderr, "dtldump: %s\n", FaultLine(path, opened, fault).c_str());
     return 1;
 }
 

@@ -348,20 +348,8 @@ std::string ScanColumns(const DtlReader& r, bool csv) {
 
 bool ExportEntries(const char* path, ExportFormat format, bool partial, ExportSink* sink, ReportScan* scan,
                    bool scanColumns) {
-    scan->path = path;
     DtlReader r;
-    bool opened = DtlOpen(&r, path, {.acceptUnfinished = partial, .nameLinks = false});
-    scan->opened = r.fd >= 0;
-    scan->compressed = r.wasCompressed;
-    scan->unfinished = r.unfinished;
-    if (!opened) {
-        scan->fault = r.fault;
-        DtlClose(&r);
-        return false;
-    }
-    scan->log = r.log;
-    scan->root = r.root;
-    scan->strings = r.strings;
+    if (!OpenScan(&r, path, partial, scan)) return false;
     std::unique_ptr<Writer> w(new Writer);
     w->sink = sink;
     w->cap = 2 * FLUSH_AT;

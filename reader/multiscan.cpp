@@ -9,30 +9,23 @@
 
 #include "reader/textout.h"
 
-std::string FaultLine(const ReportScan& s) {
-    if (!s.opened) return Cat(s.path, ": ", s.fault.message);
-    return Cat(s.path, ": offset ", Number(s.fault.offset), ": ", s.fault.message);
+std::string FaultLine(const std::string& path, bool opened, const DtlFault& fault) {
+    if (!opened) return Cat(path, ": ", fault.message);
+    return Cat(path, ": offset ", Number(fault.offset), ": ", fault.message);
 }
+
+std::string FaultLine(const ReportScan& s) { return FaultLine(s.path, s.opened, s.fault); }
 
 bool ReadHeads(const std::vector<const char*>& paths, bool partial, std::vector<ReportScan>* heads,
                std::string* error) {
     for (const char* path : paths) {
         ReportScan& s = heads->emplace_back();
-        s.path = path;
         DtlReader r;
-        bool opened = DtlOpen(&r, path, {.acceptUnfinished = partial, .nameLinks = false});
-        s.opened = r.fd >= 0;
-        s.compressed = r.wasCompressed;
-        s.unfinished = r.unfinished;
-        s.log = r.log;
-        s.root = r.root;
-        s.strings = r.strings;
-        s.fault = r.fault;
-        DtlClose(&r);
-        if (!opened) {
+        if (!OpenScan(&r, path, partial, &s)) {
             *error = FaultLine(s);
             return false;
         }
+        DtlClose(&r);
     }
     return true;
 }

@@ -16,6 +16,7 @@
 /// The line that refuses a file (without "dtldump: " and the line feed):
 /// "FILE: offset N: what is wrong", or "FILE: what is wrong" when the file
 /// could not be opened.
+std::string FaultLine(const std::string& path, bool opened, const DtlFault& fault);
 std::string FaultLine(const ReportScan& scan);
 
 /// A scan's head, status and totals without its rows and tallies.

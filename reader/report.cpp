@@ -309,22 +309,27 @@ void StartAges(const ReportOptions& o, std::vector<AgeRow>* ages) {
 
 }  // namespace
 
-bool ReadReport(const char* path, const ReportOptions& options, ReportScan* scan) {
-    ReportScan& s = *scan;
-    s.path = path;
-    DtlReader r;
-    bool opened = DtlOpen(&r, path, {.acceptUnfinished = options.partial, .nameLinks = false});
-    s.opened = r.fd >= 0;
-    s.compressed = r.wasCompressed;
-    s.unfinished = r.unfinished;
+bool OpenScan(DtlReader* r, const char* path, bool partial, ReportScan* scan) {
+    scan->path = path;
+    bool opened = DtlOpen(r, path, {.acceptUnfinished = partial, .nameLinks = false});
+    scan->opened = r->fd >= 0;
+    scan->compressed = r->wasCompressed;
+    scan->unfinished = r->unfinished;
     if (!opened) {
-        s.fault = r.fault;
-        DtlClose(&r);
+        scan->fault = r->fault;
+        DtlClose(r);
         return false;
     }
-    s.log = r.log;
-    s.root = r.root;
-    s.strings = r.strings;
+    scan->log = r->log;
+    scan->root = r->root;
+    scan->strings = r->strings;
+    return true;
+}
+
+bool ReadReport(const char* path, const ReportOptions& options, ReportScan* scan) {
+    ReportScan& s = *scan;
+    DtlReader r;
+    if (!OpenScan(&r, path, options.partial, scan)) return false;
     ReportOptions o = options;
     std::string error;
     if (o.ageBounds.empty()) ParseAgeList(DEFAULT_AGE_LIST, &o.ageBounds, &o.ageNames, &error);

@@ -138,6 +138,11 @@ struct ReportScan {
 /// scan->fault then says why. With options.partial the figures stop at the
 /// first fault and scan->complete is false.
 bool ReadReport(const char* path, const ReportOptions& options, ReportScan* scan);
+/// Opens the detail file at path into r for a report (a finished file, or
+/// with partial an unfinished one too) and fills scan's head from it: the
+/// path, whether it opened, compression, the headers and strings. False,
+/// with scan->fault filled and r closed, when it cannot be read.
+bool OpenScan(DtlReader* r, const char* path, bool partial, ReportScan* scan);
 
 /// Parses a list of ages such as "1m,6m,1y,3y" (each a positive whole number
 /// with a unit: h hours, d days, w weeks, m months of 1/12 year, y years of

@@ -4,7 +4,6 @@
 #include <fcntl.h>
 #include <malloc.h>
 #include <pthread.h>
-#include <sched.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <time.h>
@@ -407,15 +406,21 @@ SliceResult ExamineSlice(AheadPiece* piece, uint32_t slice, bool onHelper) {
     return result;
 }
 
+// Under the lock: the children and left entries an examination found
+// become the job's (its list of children is in no particular order).
+void Adopt(AheadJob* job, const SliceResult& found) {
+    if (found.children) {
+        found.last->nextChild = job->children;
+        job->children = found.children;
+    }
+    job->unopened += found.made;
+    job->deferred += found.deferred;
+}
+
 // Under the lock: a slice is examined. The last one completes the piece.
 void SliceDone(AheadPiece* piece, const SliceResult& result) {
     AheadJob* job = piece->job;
-    if (result.children) {
-        result.last->nextChild = job->children;
-        job->children = result.children;
-        job->unopened += result.made;
-    }
-    job->deferred += result.deferred;
+    Adopt(job, result);
     // The children count with the piece that found them: ahead of the walk
     // until it takes the piece, its own (as its list of subdirectories) after.
     piece->bytes += result.bytes;
@@ -598,12 +603,7 @@ void HandOver(AheadJob* job, Round* round) {
         job->tail = round->tail;
         ahead->bytesAhead += round->bytes;
     }
-    if (round->found.children) {
-        round->found.last->nextChild = job->children;
-        job->children = round->found.children;
-    }
-    job->unopened += round->found.made;
-    job->deferred += round->found.deferred;
+    Adopt(job, round->found);
     if (round->end) {
         job->reading = false;
         job->listedAll = true;
@@ -787,13 +787,6 @@ void* HelperMain(void*) {
     return nullptr;
 }
 
-// The processors this process may run on.
-uint32_t Processors() {
-    cpu_set_t set;
-    if (sched_getaffinity(0, sizeof set, &set) != 0) return 1;
-    return static_cast<uint32_t>(CPU_COUNT(&set));
-}
-
 // Open directories helpers may hold: the soft descriptor limit, raised to
 // the hard one where allowed, less what the walk and the run keep for
 // themselves.
@@ -849,7 +842,7 @@ void AheadStart(AuditRoot* root, uint32_t threads) {
     uint32_t wanted = std::min(threads, AHEAD_MAX_THREADS) - 1;
     // Two a processor: while one waits for the lock or for the walk,
     // another has work in hand (one a processor left the walk waiting).
-    ahead->fastAllowed = 2 * Processors();
+    ahead->fastAllowed = 2 * static_cast<uint32_t>(ProcessorCount());
     ahead->allowed = ahead->fastAllowed;
     pthread_mutex_lock(&ahead->lock);
     ahead->toOpen.insert(job);

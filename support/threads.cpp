@@ -1,7 +1,16 @@
 #include "support/threads.h"
 
+#include <sched.h>
+
 #include <csignal>
 #include <initializer_list>
+
+size_t ProcessorCount() {
+    cpu_set_t set;
+    if (sched_getaffinity(0, sizeof set, &set) != 0) return 1;
+    int n = CPU_COUNT(&set);
+    return n > 0 ? static_cast<size_t>(n) : 1;
+}
 
 bool StartBlockedThread(pthread_t* thread, void* (*fn)(void*), void* arg, size_t stackSize) {
     pthread_attr_t attr;

@@ -8,6 +8,10 @@
 
 #include <cstddef>
 
+/// The processors this process may run on (its affinity; taskset narrows
+/// it), at least 1.
+size_t ProcessorCount();
+
 /// Starts fn(arg) on a new thread with every signal blocked but the ones a
 /// fault raises (SIGBUS, SIGSEGV, SIGFPE, SIGILL), which stay with the thread
 /// that takes them. stackSize 0 keeps the system's default. Returns false
