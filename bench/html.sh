@@ -37,11 +37,7 @@ while [ $# -gt 0 ]; do
   esac
 done
 
-scripts/setup.sh --browser python3
-cmake --preset release >/dev/null
-cmake --build --preset release >/dev/null
-mkdir -p "$work"
-work=$(cd "$work" && pwd)
+prepare --browser python3
 dtldump=$top/build/release/dtldump
 
 if [ -z "$file" ]; then

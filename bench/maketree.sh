@@ -1,6 +1,17 @@
 # Helpers the benchmark scripts share, sourced by them; they run from the top
 # of the checkout and set $me (the script's name, for messages) and $work.
 
+# prepare PACKAGE...: installs what the benchmark needs (scripts/setup.sh
+# arguments), builds the release programs, and makes $work and sets it to
+# its absolute path.
+prepare() {
+  scripts/setup.sh "$@"
+  cmake --preset release >/dev/null
+  cmake --build --preset release >/dev/null
+  mkdir -p "$work"
+  work=$(cd "$work" && pwd)
+}
+
 # make_tree DIR ARGS...: makes DIR with bench/mktree.py ARGS unless the tree
 # there was made by the same maker with the same arguments (the summary line
 # of the maker is kept in DIR.made), so that the scripts share one tree.

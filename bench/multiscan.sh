@@ -28,11 +28,7 @@ while [ $# -gt 0 ]; do
   esac
 done
 
-scripts/setup.sh python3
-cmake --preset release >/dev/null
-cmake --build --preset release >/dev/null
-mkdir -p "$work"
-work=$(cd "$work" && pwd)
+prepare python3
 tree=$work/tree-1000000
 make_tree "$tree" --entries 1000000 --seed 7
 out=$work/multiscan

@@ -118,11 +118,7 @@ fi
 # The default is what the program chooses with the variable unset.
 unset FERROVAN_THREADS
 
-scripts/setup.sh ncdu gdu time gcc python3 fuse3 libfuse3-dev pkg-config
-cmake --preset release >/dev/null
-cmake --build --preset release >/dev/null
-mkdir -p "$work"
-work=$(cd "$work" && pwd)
+prepare ncdu gdu time gcc python3 fuse3 libfuse3-dev pkg-config
 cc -O2 -o "$work/floor" bench/floor.c
 cc -O2 -o "$work/slowfs" bench/slowfs.c $(pkg-config --cflags --libs fuse3)
 ferrovan=$top/build/release/Ferrovan

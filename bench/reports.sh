@@ -37,11 +37,7 @@ while [ $# -gt 0 ]; do
   esac
 done
 
-scripts/setup.sh python3
-cmake --preset release >/dev/null
-cmake --build --preset release >/dev/null
-mkdir -p "$work"
-work=$(cd "$work" && pwd)
+prepare python3
 dtldump=$top/build/release/dtldump
 out=$work/reports
 rm -rf "$out"; mkdir -p "$out"

@@ -63,11 +63,7 @@ if [ -n "$baseline" ]; then
     { echo "bench/run.sh: --baseline $baseline is not a commit of this repository" >&2; exit 2; }
 fi
 
-scripts/setup.sh ncdu time gcc python3 gzip
-cmake --preset release >/dev/null
-cmake --build --preset release >/dev/null
-mkdir -p "$work"
-work=$(cd "$work" && pwd)
+prepare ncdu time gcc python3 gzip
 cc -O2 -o "$work/floor" bench/floor.c
 ferrovan=$top/build/release/Ferrovan
 # The program's own compression of a file, timed apart from the scan, and

@@ -34,11 +34,7 @@ while [ $# -gt 0 ]; do
 done
 [[ "$entries" =~ ^[1-9][0-9]*$ ]] || { echo "$me: --entries takes a positive number" >&2; exit 2; }
 
-scripts/setup.sh time python3 >/dev/null
-cmake --preset release >/dev/null
-cmake --build --preset release >/dev/null
-mkdir -p "$work"
-work=$(cd "$work" && pwd)
+prepare time python3
 ferrovan=$PWD/build/release/Ferrovan
 results=$work/shapes.txt
 
